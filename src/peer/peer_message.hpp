@@ -1,0 +1,77 @@
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace kw {
+
+// A 48-bit hardware address, first octet in bits 47..40; bits 63..48 are zero.
+using node_id = std::uint64_t;
+
+enum peer_message_type : std::uint8_t {
+    ANNOUNCE = 0,
+    DISPATCHED = 1,
+    LEAVE = 2,
+};
+
+inline constexpr std::uint8_t PEER_MESSAGE_VERSION = 1;
+
+// Wire lengths, selected by the type byte.
+inline constexpr std::size_t PEER_MESSAGE_ANNOUNCE_LENGTH = 32;
+inline constexpr std::size_t PEER_MESSAGE_DISPATCHED_LENGTH = 18;
+inline constexpr std::size_t PEER_MESSAGE_LEAVE_LENGTH = 12;
+
+// One ANNOUNCE, DISPATCHED or LEAVE message. All three kinds share the head
+// (type, version, group, node id); the fields of the other kinds stay zero.
+// A message has one owner at a time: pushing it on a queue hands it over.
+class peer_message {
+public:
+    static std::unique_ptr<peer_message> announce_new(node_id id, std::uint32_t group, const in_addr& ipv4,
+                                                      const in6_addr& ipv6);
+    static std::unique_ptr<peer_message> dispatched_new(node_id id, node_id dispatched_node_id,
+                                                        std::uint32_t group);
+    static std::unique_ptr<peer_message> leave_new(node_id id, std::uint32_t group);
+
+    // Returns nullptr when the datagram is not acceptable: only type 0 with 32
+    // bytes, type 1 with 18 and type 2 with 12 pass, and only version 1.
+    static std::unique_ptr<peer_message> decode(const std::uint8_t* data, ssize_t length);
+
+    std::unique_ptr<peer_message> copy() const;
+
+    // The wire bytes, exactly 32, 18 or 12 of them.
+    std::optional<std::vector<std::uint8_t>> encode() const;
+
+    // One debug line describing the message.
+    void print() const;
+
+    peer_message_type get_type() const { return m_type; }
+    std::uint8_t get_version() const { return m_version; }
+    std::uint32_t get_group() const { return m_group; }
+    node_id get_node_id() const { return m_node_id; }
+    node_id get_dispatched_node_id() const { return m_dispatched_node_id; }
+    void get_ipv4(in_addr& out) const { out = m_ipv4; }
+    void get_ipv6(in6_addr& out) const { out = m_ipv6; }
+
+    // Only the factories above make messages; the tag keeps the constructor theirs.
+    struct private_tag {
+        explicit private_tag() = default;
+    };
+    peer_message(private_tag, peer_message_type type, node_id id, std::uint32_t group);
+
+private:
+
+    peer_message_type m_type;
+    std::uint8_t m_version = PEER_MESSAGE_VERSION;
+    std::uint32_t m_group;
+    node_id m_node_id;
+    in_addr m_ipv4 {};
+    in6_addr m_ipv6 {};
+    node_id m_dispatched_node_id = 0;
+};
+
+} // namespace kw
