@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Builds Kinwatch and runs the whole test suite: once as a normal build, once
+# under AddressSanitizer and UndefinedBehaviorSanitizer, the threaded tests
+# under ThreadSanitizer, and the fuzz target for a bounded number of runs.
+# Network tests run in private network namespaces and need root.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+kw_install_missing
+
+jobs=${KW_JOBS:-$(nproc)}
+out=${KW_BUILD_ROOT:-build/test}
+export CTEST_OUTPUT_ON_FAILURE=1
+
+# Namespaces left by an earlier run that was killed (their creator is gone).
+for ns in $(ip netns list 2>/dev/null | awk '{print $1}' | grep '^kwt[0-9]*-' || true); do
+  pid=${ns#kwt}; pid=${pid%%-*}
+  [[ -d /proc/$pid ]] || ip netns del "$ns" 2>/dev/null || true
+done
+
+build() { # <dir> [--target <target>] <cmake args...>
+  local dir=$1; shift
+  local target=()
+  if [[ ${1:-} == --target ]]; then target=(--target "$2"); shift 2; fi
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs" "${target[@]}"
+}
+
+declare -a failed=()
+suite() { # <name> <dir> <ctest args...>
+  local name=$1 dir=$2; shift 2
+  echo "=== $name"
+  if ! (cd "$dir" && ctest -j "$jobs" --timeout 300 "$@"); then
+    failed+=("$name")
+  fi
+}
+
+build "$out/plain"
+suite "tests" "$out/plain"
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export G_SLICE=always-malloc G_DEBUG=gc-friendly
+build "$out/asan" -DKW_SANITIZE=ON
+suite "tests under ASan+UBSan" "$out/asan"
+
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+build "$out/tsan" -DKW_TSAN=ON
+suite "threaded tests under TSan" "$out/tsan" -L threaded
+
+CC=clang CXX=clang++ build "$out/fuzz" --target peer_message_fuzz -DKW_FUZZ=ON
+suite "fuzz" "$out/fuzz" -L fuzz
+
+if ((${#failed[@]})); then
+  echo "FAILED: ${failed[*]}"
+  exit 1
+fi
+echo "All suites passed."

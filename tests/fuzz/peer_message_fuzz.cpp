@@ -1,0 +1,23 @@
+// Any datagram the decoder accepts must encode back to exactly the same
+// bytes, and a copy must encode the same way: the decoder accepts only the
+// exact length of each type and keeps every byte it reads.
+#include "src/peer/peer_message.hpp"
+
+#include <cstdlib>
+#include <cstring>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    auto message = kw::peer_message::decode(data, static_cast<ssize_t>(size));
+    if (!message)
+        return 0;
+
+    auto bytes = message->encode();
+    if (!bytes || bytes->size() != size || std::memcmp(bytes->data(), data, size) != 0)
+        std::abort();
+
+    auto copy = message->copy();
+    if (copy->encode() != bytes)
+        std::abort();
+    return 0;
+}
