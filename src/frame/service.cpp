@@ -1,0 +1,92 @@
+#include "src/frame/service.hpp"
+
+#include "platform/qvsd_daemon.hpp"
+#include "src/frame/package.hpp"
+
+namespace kw {
+
+service::~service()
+{
+    m_config_file.reset();
+    m_ident.reset();
+    // The bus API, the monitor and the package observer are released here, in
+    // that order, once they exist. The settings record goes last because the
+    // monitor's release reads it and may write it.
+    m_settings.reset();
+    m_main_loop.reset();
+}
+
+bool service::parse_command_line(int* argc, char*** argv)
+{
+    gboolean no_daemon = FALSE;
+    char* config_file = nullptr;
+    char* ident = nullptr;
+    const GOptionEntry entries[] = {
+        {"no-daemon", 'n', 0, G_OPTION_ARG_NONE, &no_daemon, "Do not run in background", nullptr},
+        {"config_file", 'c', 0, G_OPTION_ARG_STRING, &config_file, "Specify configuration file, -c <filename>",
+         nullptr},
+        {"ident", 'i', 0, G_OPTION_ARG_STRING, &ident, "The name of the process, -i <ident>", nullptr},
+        {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+    };
+
+    auto context = adopt(g_option_context_new("Kinwatch"));
+    g_option_context_add_main_entries(context.get(), entries, nullptr);
+    error_out error;
+    bool parsed = g_option_context_parse(context.get(), argc, argv, error.out());
+    m_no_daemon = no_daemon;
+    m_config_file = adopt(config_file);
+    m_ident = adopt(ident);
+
+    if (parsed && !m_config_file) {
+        g_ptr<char> help(g_option_context_get_help(context.get(), TRUE, nullptr));
+        g_printerr("%s", help.get());
+    }
+    context.reset();
+
+    if (!parsed)
+        g_error("%s", error.message());
+    return m_config_file != nullptr;
+}
+
+int service::run(int argc, char** argv)
+{
+    if (!parse_command_line(&argc, &argv))
+        return 1;
+
+    // Still attached to the caller here, so a failure shows where it was started.
+    if (!package().create_top_directory()) {
+        g_warning("Failed to create ombrix top directory");
+        return 1;
+    }
+
+    int option = 18;
+    char* daemon_error = nullptr;
+    int mode = m_no_daemon ? QVSD_DAEMON_FOREGROUND : QVSD_DAEMON_BACKGROUND;
+    if (qvsd_daemon(m_ident.get(), &option, "kinwatch", "kinwatch", mode, &daemon_error) != 0) {
+        g_ptr<char> owned_error(daemon_error);
+        g_error("Failed to put process in the background: %s", owned_error.get());
+    }
+
+    m_main_loop = adopt(g_main_loop_new(nullptr, FALSE));
+
+    m_settings = settings::create(m_config_file.get());
+    if (!m_settings) {
+        g_warning("Failed to read configuration");
+        return 1;
+    }
+
+    // TODO(start-up): create here, in this order, each ending the start-up
+    // with status 1 after its warning:
+    //  - the monitor from the settings record ("Failed to set up monitor");
+    //  - the package observer for the monitor ("Failed to setup Ombrix observer");
+    //  - the bus API for the monitor and the configured Enabled value
+    //    ("Failed to setup DBus API").
+
+    // Nothing in the service quits the loop; it normally ends by a signal,
+    // and then no teardown runs.
+    g_main_loop_run(m_main_loop.get());
+    m_main_loop.reset();
+    return 0;
+}
+
+} // namespace kw

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "platform/g_ptr.hpp"
+#include "src/config/settings.hpp"
+
+#include <memory>
+
+namespace kw {
+
+// The process from its command line to its teardown: it owns everything the
+// service builds at start-up and releases it in a fixed order.
+class service {
+public:
+    service() = default;
+    service(const service&) = delete;
+    service& operator=(const service&) = delete;
+    ~service();
+
+    // Starts the service and runs its main loop; returns the exit status:
+    // 0 after the loop has returned, 1 after a start-up failure.
+    int run(int argc, char** argv);
+
+private:
+    // False when no configuration file was given (the help is printed then).
+    // A malformed command line ends the process.
+    bool parse_command_line(int* argc, char*** argv);
+
+    bool m_no_daemon = false;
+    g_ptr<char> m_config_file;
+    g_ptr<char> m_ident;
+    g_ptr<GMainLoop> m_main_loop;
+    std::unique_ptr<settings> m_settings;
+};
+
+} // namespace kw

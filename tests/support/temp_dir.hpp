@@ -1,0 +1,55 @@
+#pragma once
+
+#include <glib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+namespace kw::test {
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it at scope end.
+class temp_dir {
+public:
+    temp_dir()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "kwt-XXXXXX").string();
+        if (g_mkdtemp(pattern.data()))
+            m_path = pattern;
+    }
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+    ~temp_dir()
+    {
+        std::error_code ignored;
+        if (!m_path.empty())
+            std::filesystem::remove_all(m_path, ignored);
+    }
+
+    bool ok() const { return !m_path.empty(); }
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+    // Writes a file below the directory and returns its path.
+    std::string write(const std::string& name, const std::string& content) const
+    {
+        std::string target = file(name);
+        std::ofstream(target, std::ios::binary | std::ios::trunc) << content;
+        return target;
+    }
+    // The whole content of a file below the directory; nullopt when unreadable.
+    std::optional<std::string> read(const std::string& name) const
+    {
+        std::ifstream in(file(name), std::ios::binary);
+        if (!in)
+            return std::nullopt;
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+private:
+    std::string m_path;
+};
+
+} // namespace kw::test
