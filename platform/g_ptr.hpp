@@ -3,8 +3,12 @@
 // The one place that knows how each GLib, GIO and libnl type is released.
 // Everything else holds a g_ptr<T> and never calls an unref or free itself.
 
+#include "platform/event_library.hpp"
+
 #include <gio/gio.h>
 #include <glib.h>
+#include <ifaddrs.h>
+#include <netdb.h>
 
 #include <memory>
 #include <string>
@@ -44,6 +48,12 @@ KW_RELEASE(GFileMonitor, g_object_unref)
 KW_RELEASE(GSubprocess, g_object_unref)
 KW_RELEASE(nl_sock, nl_socket_free)
 KW_RELEASE(nl_cache, nl_cache_free)
+KW_RELEASE(event_producer, event_producer_free)
+KW_RELEASE(event_declaration, event_declaration_free)
+KW_RELEASE(event, event_free)
+KW_RELEASE(ifaddrs, freeifaddrs)
+KW_RELEASE(addrinfo, freeaddrinfo)
+KW_RELEASE(GThread, g_thread_unref)
 
 #undef KW_RELEASE
 

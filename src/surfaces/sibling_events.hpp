@@ -1,0 +1,42 @@
+#pragma once
+
+#include "platform/event_library.hpp"
+#include "platform/g_ptr.hpp"
+#include "src/tracking/monitor_message_type.hpp"
+
+#include <memory>
+
+namespace kw {
+
+// The SiblingConnected and SiblingDisconnected platform events: one producer
+// and its two declarations, made anew on every start of the monitor and
+// withdrawn on every stop. Main thread only.
+class sibling_events {
+public:
+    // Gives nullptr when the producer cannot be created.
+    static std::unique_ptr<sibling_events> create();
+
+    sibling_events(const sibling_events&) = delete;
+    sibling_events& operator=(const sibling_events&) = delete;
+    // Withdraws both declarations and frees the producer.
+    ~sibling_events();
+
+    // The record stays the caller's.
+    void send_connected(const monitor_message_type& record);
+    void send_disconnected(const monitor_message_type& record);
+
+    struct private_tag {
+        explicit private_tag() = default;
+    };
+    explicit sibling_events(private_tag) {}
+
+private:
+    void declare_events();
+    void send(event_declaration_id declaration, const monitor_message_type& record);
+
+    g_ptr<event_producer> m_producer;
+    event_declaration_id m_connected_declaration = 0;
+    event_declaration_id m_disconnected_declaration = 0;
+};
+
+} // namespace kw
