@@ -1,0 +1,94 @@
+#pragma once
+
+#include "platform/g_ptr.hpp"
+#include "src/hostnet/interface_state.hpp"
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+struct nl_msg;
+struct nl_object;
+struct rtnl_addr;
+struct rtnl_link;
+
+namespace kw {
+
+// Called with the listener's own id, the interface's state and name, and the
+// user data given at registration. The state and the name belong to the
+// watcher and are valid only during the call.
+using link_watcher_callback = void (*)(std::uint32_t listener_id, const interface_state& state, const char* name,
+                                       void* user_data);
+
+// IPv4 other than 0.0.0.0 and 169.254.0.0/16, IPv6 other than :: and
+// fe80::/10; any other family (or no address) is not usable.
+bool address_is_usable(const sockaddr* address);
+
+// Follows the links and addresses of the calling thread's network namespace
+// through route netlink, read from the default main context, and tells its
+// listeners which interfaces are up and which usable address each has.
+// Lives on the thread that runs the default main context.
+class link_watcher {
+    struct private_tag {
+        explicit private_tag() = default;
+    };
+
+public:
+    // What add_listener returns when it cannot register.
+    static constexpr std::uint32_t no_listener = UINT32_MAX;
+
+    // Nullptr on failure, having released what it built; logs nothing.
+    static std::unique_ptr<link_watcher> create();
+
+    explicit link_watcher(private_tag);
+    link_watcher(const link_watcher&) = delete;
+    link_watcher& operator=(const link_watcher&) = delete;
+    ~link_watcher();
+
+    // Registers a listener and, before returning, calls it once for every
+    // interface already known. Ids count 1, 2, 3 and so on.
+    std::uint32_t add_listener(link_watcher_callback callback, void* user_data);
+    // An unknown id is ignored.
+    void remove_listener(std::uint32_t id);
+
+private:
+    struct link_listener {
+        link_watcher_callback callback = nullptr;
+        void* user_data = nullptr;
+    };
+
+    static gboolean on_readable_trampoline(GIOChannel* channel, GIOCondition condition, gpointer self);
+    static int on_message_trampoline(nl_msg* message, void* self);
+    static void on_object_trampoline(nl_object* object, void* self);
+
+    bool setup();
+    bool take_snapshot();
+    gboolean on_readable();
+    int on_message(nl_msg* message);
+    void on_object(nl_object* object);
+    void on_new_link(rtnl_link* link);
+    void on_removed_link(rtnl_link* link);
+    void refresh_addresses(rtnl_addr* address);
+    void notify(const interface_state& state, const std::string& name);
+    void remove_source();
+
+    g_ptr<nl_sock> m_socket;
+    g_ptr<nl_cache> m_link_cache;
+    bool m_cache_provided = false;
+    // Held while the listener table changes and for the whole of every
+    // notification and replay, so listeners are never called concurrently.
+    // Recursive so that a listener may call back into the watcher.
+    std::recursive_mutex m_lock; // guards m_listeners and m_last_listener_id
+    std::map<std::uint32_t, link_listener> m_listeners;
+    std::uint32_t m_last_listener_id = 0;
+    g_ptr<GIOChannel> m_channel;
+    guint m_watch_id = 0;
+    // Main thread only, so it needs no lock.
+    std::map<std::string, interface_state> m_interfaces;
+};
+
+} // namespace kw
