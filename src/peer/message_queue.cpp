@@ -1,0 +1,48 @@
+#include "src/peer/message_queue.hpp"
+
+namespace kw {
+
+std::unique_ptr<message_queue> message_queue::create()
+{
+    return std::make_unique<message_queue>(private_tag {});
+}
+
+void message_queue::push(std::unique_ptr<peer_message> message)
+{
+    std::lock_guard lock(m_mutex);
+    m_items.push_back(std::move(message));
+    ++m_count;
+    m_condition.notify_all();
+}
+
+std::unique_ptr<peer_message> message_queue::pop()
+{
+    std::unique_lock lock(m_mutex);
+    m_condition.wait(lock, [this] { return m_count > 0; });
+    return take_head();
+}
+
+std::unique_ptr<peer_message> message_queue::try_pop()
+{
+    std::unique_lock lock(m_mutex, std::try_to_lock);
+    if (!lock.owns_lock() || m_count == 0)
+        return nullptr;
+    return take_head();
+}
+
+int message_queue::length() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_count;
+}
+
+// The caller holds m_mutex and has seen m_count > 0.
+std::unique_ptr<peer_message> message_queue::take_head()
+{
+    auto head = std::move(m_items.front());
+    m_items.pop_front();
+    --m_count;
+    return head;
+}
+
+} // namespace kw

@@ -1,0 +1,169 @@
+#include "src/peer/monitor_interface.hpp"
+
+namespace kw {
+
+std::unique_ptr<monitor_interface> monitor_interface::create(const std::string& name, const std::string& ipv4_address,
+                                                             const std::string& ipv6_address, std::uint16_t port,
+                                                             int ttl, message_queue& receive_queue,
+                                                             std::uint32_t group)
+{
+    return std::make_unique<monitor_interface>(private_tag {}, name, ipv4_address, ipv6_address, port, ttl,
+                                               receive_queue, group);
+}
+
+monitor_interface::monitor_interface(private_tag, const std::string& name, const std::string& ipv4_address,
+                                     const std::string& ipv6_address, std::uint16_t port, int ttl,
+                                     message_queue& receive_queue, std::uint32_t group)
+    : m_name(name)
+    , m_port(port)
+    , m_ttl(ttl)
+    , m_group(group)
+    , m_receive_queue(receive_queue)
+    , m_ipv4 {ipv4_address, nullptr, "monitor_interface: failed to setup ipv4 chain",
+              "monitor_interface: failed to start ipv4 address"}
+    , m_ipv6 {ipv6_address, nullptr, "monitor_interface: failed to setup ipv6 chain",
+              "monitor_interface: failed to start ipv6 address"}
+{
+}
+
+monitor_interface::~monitor_interface()
+{
+    teardown(m_ipv4);
+    teardown(m_ipv6);
+}
+
+bool monitor_interface::setup(family& f)
+{
+    if (f.chain)
+        return true;
+    f.chain = monitor_chain::create(m_name, f.address, m_port, m_ttl, m_receive_queue, m_group);
+    if (!f.chain) {
+        g_warning("%s", f.setup_failed);
+        return false;
+    }
+    return true;
+}
+
+void monitor_interface::teardown(family& f)
+{
+    f.chain.reset();
+}
+
+bool monitor_interface::start(family& f)
+{
+    if (!f.chain)
+        return false;
+    if (!f.chain->start()) {
+        g_warning("%s", f.start_failed);
+        return false;
+    }
+    return true;
+}
+
+bool monitor_interface::stop(family& f)
+{
+    return !f.chain || f.chain->stop();
+}
+
+void monitor_interface::send_copy(family& f, const peer_message& message)
+{
+    if (f.chain && f.chain->is_running())
+        f.chain->send(message.copy());
+}
+
+bool monitor_interface::set_address(family& f, const std::string& address)
+{
+    if (address == f.address)
+        return true;
+    f.address = address;
+    if (!f.chain)
+        return true;
+    // A running chain's stop first sends what is queued, still to the old group.
+    bool was_running = f.chain->is_running();
+    if (was_running)
+        stop(f);
+    teardown(f);
+    if (!setup(f))
+        return false;
+    return was_running ? start(f) : true;
+}
+
+bool monitor_interface::setup_ipv4()
+{
+    return setup(m_ipv4);
+}
+
+bool monitor_interface::setup_ipv6()
+{
+    return setup(m_ipv6);
+}
+
+void monitor_interface::teardown_ipv4()
+{
+    teardown(m_ipv4);
+}
+
+void monitor_interface::teardown_ipv6()
+{
+    teardown(m_ipv6);
+}
+
+bool monitor_interface::start_ipv4()
+{
+    return start(m_ipv4);
+}
+
+bool monitor_interface::start_ipv6()
+{
+    return start(m_ipv6);
+}
+
+bool monitor_interface::stop_ipv4()
+{
+    return stop(m_ipv4);
+}
+
+bool monitor_interface::stop_ipv6()
+{
+    return stop(m_ipv6);
+}
+
+void monitor_interface::send(std::unique_ptr<peer_message> message)
+{
+    if (!message)
+        return;
+    send_copy(m_ipv4, *message);
+    send_copy(m_ipv6, *message);
+}
+
+bool monitor_interface::set_ttl(int ttl)
+{
+    // An IPv4 chain that already took the new TTL keeps it when the IPv6 chain refuses.
+    for (family* f : {&m_ipv4, &m_ipv6}) {
+        if (f->chain && !f->chain->set_ttl(ttl))
+            return false;
+    }
+    m_ttl = ttl;
+    return true;
+}
+
+void monitor_interface::set_group(std::uint32_t group)
+{
+    for (family* f : {&m_ipv4, &m_ipv6}) {
+        if (f->chain)
+            f->chain->set_group(group);
+    }
+    m_group = group;
+}
+
+bool monitor_interface::set_ipv4_address(const std::string& address)
+{
+    return set_address(m_ipv4, address);
+}
+
+bool monitor_interface::set_ipv6_address(const std::string& address)
+{
+    return set_address(m_ipv6, address);
+}
+
+} // namespace kw

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "src/peer/message_queue.hpp"
+#include "src/peer/monitor_chain.hpp"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace kw {
+
+// One network interface as the monitor engine sees it: its name, the IPv4
+// and IPv6 group addresses, port, TTL and sibling group, and up to two
+// chains, one per address family. Used on the main thread only.
+class monitor_interface {
+public:
+    // The receive queue is the engine's and must outlive the interface.
+    static std::unique_ptr<monitor_interface> create(const std::string& name, const std::string& ipv4_address,
+                                                     const std::string& ipv6_address, std::uint16_t port, int ttl,
+                                                     message_queue& receive_queue, std::uint32_t group);
+
+    monitor_interface(const monitor_interface&) = delete;
+    monitor_interface& operator=(const monitor_interface&) = delete;
+    // Destroys the IPv4 chain, then the IPv6 chain; both send what is queued first.
+    ~monitor_interface();
+
+    // Build the family's chain if there is none; true if one exists afterwards.
+    bool setup_ipv4();
+    bool setup_ipv6();
+    void teardown_ipv4();
+    void teardown_ipv6();
+    // False, without a log line, when the family has no chain.
+    bool start_ipv4();
+    bool start_ipv6();
+    // True when the family has no chain.
+    bool stop_ipv4();
+    bool stop_ipv6();
+
+    // Queues a copy on each running chain, so nothing piles up in a stopped
+    // chain's queue. Takes the message.
+    void send(std::unique_ptr<peer_message> message);
+    // True when every chain took the new TTL; the stored TTL changes only then.
+    bool set_ttl(int ttl);
+    void set_group(std::uint32_t group);
+    // True when the address is in force. A new address rebuilds the family's
+    // chain, which first sends what was queued to the old group, and restarts
+    // it if it was running.
+    bool set_ipv4_address(const std::string& address);
+    bool set_ipv6_address(const std::string& address);
+
+    const std::string& name() const { return m_name; }
+
+    struct private_tag {
+        explicit private_tag() = default;
+    };
+    monitor_interface(private_tag, const std::string& name, const std::string& ipv4_address,
+                      const std::string& ipv6_address, std::uint16_t port, int ttl, message_queue& receive_queue,
+                      std::uint32_t group);
+
+private:
+    // What differs between the two families.
+    struct family {
+        std::string address;
+        std::unique_ptr<monitor_chain> chain;
+        const char* setup_failed;
+        const char* start_failed;
+    };
+
+    bool setup(family& f);
+    void teardown(family& f);
+    bool start(family& f);
+    bool stop(family& f);
+    void send_copy(family& f, const peer_message& message);
+    bool set_address(family& f, const std::string& address);
+
+    std::string m_name;
+    std::uint16_t m_port;
+    int m_ttl;
+    std::uint32_t m_group;
+    message_queue& m_receive_queue;
+    family m_ipv4;
+    family m_ipv6;
+};
+
+} // namespace kw
