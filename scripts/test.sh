@@ -35,7 +35,7 @@ suite() { # <name> <dir> <ctest args...>
   fi
 }
 
-build "$out/plain"
+build "$out/plain" -DKW_BENCH=ON
 suite "tests" "$out/plain"
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1

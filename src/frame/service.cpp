@@ -2,6 +2,7 @@
 
 #include "platform/qvsd_daemon.hpp"
 #include "src/frame/package.hpp"
+#include "src/tracking/monitor.hpp"
 
 namespace kw {
 
@@ -9,9 +10,10 @@ service::~service()
 {
     m_config_file.reset();
     m_ident.reset();
-    // The bus API, the monitor and the package observer are released here, in
-    // that order, once they exist. The settings record goes last because the
+    // The bus API and the package observer are released here, around the
+    // monitor, once they exist. The settings record goes last because the
     // monitor's release reads it and may write it.
+    m_monitor.reset();
     m_settings.reset();
     m_main_loop.reset();
 }
@@ -75,9 +77,15 @@ int service::run(int argc, char** argv)
         return 1;
     }
 
+    // Starts itself when Enabled is set and the package runs.
+    m_monitor = monitor::create(*m_settings);
+    if (!m_monitor) {
+        g_warning("Failed to set up monitor");
+        return 1;
+    }
+
     // TODO(start-up): create here, in this order, each ending the start-up
     // with status 1 after its warning:
-    //  - the monitor from the settings record ("Failed to set up monitor");
     //  - the package observer for the monitor ("Failed to setup Ombrix observer");
     //  - the bus API for the monitor and the configured Enabled value
     //    ("Failed to setup DBus API").

@@ -2,6 +2,7 @@
 
 #include "platform/g_ptr.hpp"
 #include "src/config/settings.hpp"
+#include "src/tracking/monitor.hpp"
 
 #include <memory>
 
@@ -30,6 +31,7 @@ private:
     g_ptr<char> m_ident;
     g_ptr<GMainLoop> m_main_loop;
     std::unique_ptr<settings> m_settings;
+    std::unique_ptr<monitor> m_monitor;
 };
 
 } // namespace kw

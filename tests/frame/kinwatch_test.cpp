@@ -12,9 +12,12 @@
 namespace kw {
 namespace {
 
-// Every run happens in a private mount namespace with an empty tmpfs over
-// /usr/local, so the machine's own package directory is never touched.
-const char* const PRIVATE_USR_LOCAL = "ulimit -c 0; mount -t tmpfs kwtest /usr/local || exit 99; ";
+// Every run happens in a private mount and network namespace with an empty
+// tmpfs over /usr/local and the namespace's own sysfs, so the machine's own
+// package directory and interfaces are never touched. The configured
+// interface is the namespace's loopback.
+const char* const PRIVATE_USR_LOCAL = "ulimit -c 0; mount -t tmpfs kwtest /usr/local || exit 99; "
+                                      "mount -t sysfs kwtest /sys || exit 99; ";
 
 struct outcome {
     int status = -1; // 128 + signal when the service was killed
@@ -24,7 +27,7 @@ struct outcome {
 
 g_ptr<GSubprocess> spawn(const std::string& script, const std::vector<std::string>& args)
 {
-    std::vector<const char*> argv = {"unshare", "-m", "sh", "-c", script.c_str(), "sh", KW_KINWATCH_BINARY};
+    std::vector<const char*> argv = {"unshare", "-m", "-n", "sh", "-c", script.c_str(), "sh", KW_KINWATCH_BINARY};
     for (const auto& arg : args)
         argv.push_back(arg.c_str());
     argv.push_back(nullptr);
@@ -81,7 +84,7 @@ std::vector<std::string> warnings_of(const std::string& errors)
 }
 
 const char* const VALID = "[Settings]\nTTL=1\nEnabled=false\nMulticastGroupIPv4=239.255.77.1\n"
-                          "MulticastGroupIPv6=ff05::77\nMulticastPort=21844\nInterface=eth0\n"
+                          "MulticastGroupIPv6=ff05::77\nMulticastPort=21844\nInterface=lo\n"
                           "KinwatchGroup=1\nMaxHosts=256\n";
 
 TEST(kinwatch, without_a_configuration_file_prints_the_help_and_creates_nothing)

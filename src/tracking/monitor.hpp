@@ -1,0 +1,145 @@
+#pragma once
+
+#include "src/config/settings.hpp"
+#include "src/frame/package.hpp"
+#include "src/hostnet/interface_state.hpp"
+#include "src/hostnet/link_watcher.hpp"
+#include "src/hostnet/mac_address.hpp"
+#include "src/peer/message_queue.hpp"
+#include "src/peer/monitor_interface.hpp"
+#include "src/peer/peer_message.hpp"
+#include "src/surfaces/sibling_events.hpp"
+#include "src/tracking/local_clock.hpp"
+#include "src/tracking/monitor_table.hpp"
+
+#include <glib.h>
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kw {
+
+// What the engine takes from its host beyond the settings record. The service
+// uses the defaults; tests point them at a temporary package directory, a
+// fake sysfs tree and a clock of their own.
+struct monitor_environment {
+    package run_state {};
+    std::string sysfs_root = mac_address::default_sysfs_root;
+    local_clock clock = system_local_now;
+};
+
+// The engine. While it runs it owns the node tables, one monitor_interface
+// per usable interface, the receive queue, the sibling events and the link
+// watcher; it announces itself, learns and loses siblings on its timers, and
+// applies the settings changes that arrive over the bus. Main thread only:
+// the receive queue is the one thing it shares with the network threads.
+class monitor {
+public:
+    using node_list = std::vector<std::unique_ptr<monitor_message_type>>;
+
+    static constexpr guint process_period_seconds = 5;
+    static constexpr guint announce_period_seconds = 55;
+    // Silent means: more than this many microseconds since last seen.
+    static constexpr GTimeSpan silence_limit_us = 59'999'999;
+
+    // The node id comes from the hardware address of the configured
+    // interface; an unreadable address ends the process. Starts at once when
+    // Enabled is set and the package runs; nullptr when that start fails.
+    static std::unique_ptr<monitor> create(settings& config, monitor_environment environment = {});
+
+    monitor(const monitor&) = delete;
+    monitor& operator=(const monitor&) = delete;
+    // When Enabled is set: stops, stores Enabled false and writes the file.
+    ~monitor();
+
+    // True when running afterwards; false (and stopped) when the stored TTL
+    // is refused or the configuration file cannot be written.
+    bool start();
+    // Sends LEAVE first, then takes everything down. No event is raised.
+    void stop();
+    bool is_running() const { return m_running; }
+
+    // Listener of the link watcher.
+    static void on_interface_changed(std::uint32_t listener_id, const interface_state& state, const char* name,
+                                     void* self);
+
+    // Hands every interface its own copy, if running; the message is freed.
+    void broadcast(std::unique_ptr<peer_message> message);
+    void send_announce();
+    void send_leave();
+
+    // The 5-second and 55-second timer bodies; both keep their timer.
+    bool process_tick();
+    bool announce_tick();
+
+    // Settings operations used by the bus and the package observer. Every
+    // successful change is written to the configuration file at once.
+    bool get_enabled() const;
+    bool set_enabled(bool enabled);
+    bool get_ttl(unsigned& ttl) const;
+    bool set_ttl(unsigned ttl);
+    bool get_group(std::uint32_t& group) const;
+    bool set_group(std::uint32_t group);
+    bool get_ipv4_group(std::string& text) const;
+    bool set_ipv4_group(const std::string& text);
+    bool get_ipv6_group(std::string& text) const;
+    bool set_ipv6_group(const std::string& text);
+    // Copies of the records, in no defined order; empty while stopped.
+    node_list get_known_nodes() const;
+    node_list get_lost_nodes() const;
+
+    // IPv4: a dotted address in 224.0.0.0/4; IPv6: an address whose first
+    // byte is 0xff; any other family: false.
+    static bool is_multicast_group(int family, const std::string& text);
+
+    node_id get_own_node_id() const { return m_own_node_id; }
+    // Present only while running.
+    message_queue* get_receive_queue() { return m_receive_queue.get(); }
+    monitor_table* get_known_nodes_table() { return m_known_nodes.get(); }
+    monitor_table* get_lost_nodes_table() { return m_lost_nodes.get(); }
+    std::size_t get_interface_count() const { return m_interfaces.size(); }
+    bool is_reporter() const { return m_reporter; }
+
+    struct private_tag {
+        explicit private_tag() = default;
+    };
+    monitor(private_tag, settings& config, monitor_environment environment, node_id own_node_id);
+
+private:
+    static gboolean process_tick_trampoline(gpointer self);
+    static gboolean announce_tick_trampoline(gpointer self);
+
+    void interface_changed(const interface_state& state, const std::string& name);
+    bool add_interface(const std::string& name);
+    void create_tables();
+    void remove_timers();
+    void process_announce(std::unique_ptr<peer_message> message);
+    void process_dispatched(const peer_message& message);
+    void process_leave(const peer_message& message);
+    void expire_silent_nodes();
+    bool set_multicast_group(int family, const std::string& text);
+    static node_list copy_nodes(monitor_table* table);
+
+    std::unique_ptr<monitor_table> m_known_nodes;
+    std::unique_ptr<monitor_table> m_lost_nodes;
+    std::unordered_map<std::string, std::unique_ptr<monitor_interface>> m_interfaces;
+    std::unique_ptr<message_queue> m_receive_queue;
+    std::unique_ptr<sibling_events> m_events;
+    std::unique_ptr<link_watcher> m_link_watcher;
+    std::uint32_t m_watcher_listener_id = link_watcher::no_listener;
+    bool m_reporter = false;
+    guint m_announce_timer_id = 0;
+    guint m_process_timer_id = 0;
+    settings& m_settings;
+    monitor_environment m_environment;
+    node_id m_own_node_id;
+    bool m_running = false;
+    in_addr m_own_ipv4 {};
+    in6_addr m_own_ipv6 {};
+};
+
+} // namespace kw

@@ -1,0 +1,82 @@
+#pragma once
+
+// One monitor as a camera of a test lab would run it: its own configuration
+// file, package directory and sysfs tree in a temporary directory, a clock
+// the test moves by hand, and the namespace its sockets and threads live in.
+
+#include "platform/event_library.hpp"
+#include "src/config/settings.hpp"
+#include "src/tracking/monitor.hpp"
+#include "tests/support/netns.hpp"
+#include "tests/support/temp_dir.hpp"
+
+#include <arpa/inet.h>
+
+#include <memory>
+#include <string>
+
+namespace kw::test {
+
+inline constexpr const char* lab_ipv4_group = "239.255.77.1";
+inline constexpr const char* lab_ipv6_group = "ff05::77";
+inline constexpr int lab_port = 21844;
+inline constexpr std::uint32_t lab_group = 7;
+
+// A clock that stands still until the test moves it.
+class manual_clock {
+public:
+    manual_clock() : m_now(adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0))) {}
+    local_clock function()
+    {
+        return [this] { return ref(m_now.get()); };
+    }
+    void advance_us(GTimeSpan us) { m_now = adopt(g_date_time_add(m_now.get(), us)); }
+    GDateTime* now() const { return m_now.get(); }
+
+private:
+    g_ptr<GDateTime> m_now;
+};
+
+struct camera_options {
+    bool enabled = true;
+    bool running = true;
+    int ttl = 1;
+    int max_hosts = 16;
+    std::uint32_t group = lab_group;
+    node_id id = 0x020000000001ULL;
+};
+
+class camera {
+public:
+    explicit camera(camera_options options = {});
+
+    // Creates the monitor inside the namespace, so that its chains and
+    // their threads live there. Null when the monitor refuses to come up.
+    monitor* create(const netns* ns);
+    void destroy() { m_monitor.reset(); }
+
+    monitor* engine() { return m_monitor.get(); }
+    settings& config() { return *m_settings; }
+    manual_clock& clock() { return m_clock; }
+    temp_dir& dir() { return m_dir; }
+    std::string config_text() const { return m_dir.read("kinwatch.conf").value_or(""); }
+    void set_running(bool running);
+
+    // Pushes a message into the receive queue as a receiver thread would.
+    void inject(std::unique_ptr<peer_message> message);
+    void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9");
+
+private:
+    camera_options m_options;
+    temp_dir m_dir;
+    manual_clock m_clock;
+    std::unique_ptr<settings> m_settings;
+    std::unique_ptr<monitor> m_monitor;
+};
+
+std::string settings_text(const camera_options& options);
+
+// Events sent by every live producer since the library's record began.
+std::size_t count_sent(const std::string& event_name);
+
+} // namespace kw::test
