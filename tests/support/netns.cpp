@@ -7,7 +7,9 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 namespace kw::test {
 
@@ -107,6 +109,23 @@ netns_enter::~netns_enter()
         ::close(m_saved);
 }
 
+bool netns::wait_until_up(const std::string& interface) const
+{
+    // The kernel activates a link's transmit queue some time after it is set
+    // up (later still on a busy machine); until then datagrams are dropped
+    // while sendto() reports success. The operational state turns UP at the
+    // same moment.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (exec("ip -o link show dev " + interface + " | grep -q 'state UP'") != 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << interface << " in " << m_name << " did not come up";
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
 netns_lab::netns_lab(int hosts)
 {
     m_bridge = std::make_unique<netns>("br");
@@ -138,6 +157,10 @@ netns_lab::netns_lab(int hosts)
                                 "/64 dev eth0 nodad && ip link set eth0 up"))
             return;
         m_hosts.push_back(std::move(host));
+    }
+    for (std::size_t i = 0; i < m_hosts.size(); ++i) {
+        if (!m_hosts[i].ns->wait_until_up("eth0") || !m_bridge->wait_until_up("vb" + std::to_string(i + 1)))
+            return;
     }
     m_ok = true;
 }

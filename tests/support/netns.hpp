@@ -45,6 +45,10 @@ public:
     int exec(const std::string& command, std::string* output = nullptr) const;
     bool must_exec(const std::string& command) const;
 
+    // Waits until the interface's operational state is UP, that is until it
+    // really transmits. False (and a test failure) after a generous deadline.
+    bool wait_until_up(const std::string& interface) const;
+
 private:
     std::string m_name;
     bool m_ok = false;
@@ -79,7 +83,8 @@ struct lab_host {
 // A bridge namespace and N host namespaces, each host joined to the bridge
 // by a veth pair whose host end is "eth0", with a fixed hardware address,
 // an IPv4 address in 10.77.0.0/24 and an IPv6 address in fd77::/64.
-// Multicast snooping is off on the bridge, so every group is flooded.
+// Multicast snooping is off on the bridge, so every group is flooded. The
+// constructor returns once every link really transmits.
 class netns_lab {
 public:
     explicit netns_lab(int hosts);
