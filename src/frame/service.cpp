@@ -2,6 +2,7 @@
 
 #include "platform/qvsd_daemon.hpp"
 #include "src/frame/package.hpp"
+#include "src/frame/package_observer.hpp"
 #include "src/tracking/monitor.hpp"
 
 namespace kw {
@@ -10,10 +11,12 @@ service::~service()
 {
     m_config_file.reset();
     m_ident.reset();
-    // The bus API and the package observer are released here, around the
-    // monitor, once they exist. The settings record goes last because the
+    // The bus API is released first, once it exists. The package observer
+    // outlives the monitor it watches for, but no event reaches it any more:
+    // the main loop has stopped. The settings record goes last because the
     // monitor's release reads it and may write it.
     m_monitor.reset();
+    m_package_observer.reset();
     m_settings.reset();
     m_main_loop.reset();
 }
@@ -84,9 +87,14 @@ int service::run(int argc, char** argv)
         return 1;
     }
 
-    // TODO(start-up): create here, in this order, each ending the start-up
-    // with status 1 after its warning:
-    //  - the package observer for the monitor ("Failed to setup Ombrix observer");
+    m_package_observer = package_observer::create(*m_monitor);
+    if (!m_package_observer) {
+        g_warning("Failed to setup Ombrix observer");
+        return 1;
+    }
+
+    // TODO(start-up): create here, ending the start-up with status 1 after
+    // its warning:
     //  - the bus API for the monitor and the configured Enabled value
     //    ("Failed to setup DBus API").
 

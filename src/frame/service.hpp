@@ -2,6 +2,7 @@
 
 #include "platform/g_ptr.hpp"
 #include "src/config/settings.hpp"
+#include "src/frame/package_observer.hpp"
 #include "src/tracking/monitor.hpp"
 
 #include <memory>
@@ -32,6 +33,7 @@ private:
     g_ptr<GMainLoop> m_main_loop;
     std::unique_ptr<settings> m_settings;
     std::unique_ptr<monitor> m_monitor;
+    std::unique_ptr<package_observer> m_package_observer;
 };
 
 } // namespace kw
