@@ -3,6 +3,7 @@
 #include "platform/qvsd_daemon.hpp"
 #include "src/frame/package.hpp"
 #include "src/frame/package_observer.hpp"
+#include "src/surfaces/dbus_api.hpp"
 #include "src/tracking/monitor.hpp"
 
 namespace kw {
@@ -11,10 +12,10 @@ service::~service()
 {
     m_config_file.reset();
     m_ident.reset();
-    // The bus API is released first, once it exists. The package observer
-    // outlives the monitor it watches for, but no event reaches it any more:
-    // the main loop has stopped. The settings record goes last because the
-    // monitor's release reads it and may write it.
+    // The package observer outlives the monitor it watches for, but no event
+    // reaches it any more: the main loop has stopped. The settings record
+    // goes last because the monitor's release reads it and may write it.
+    m_dbus_api.reset();
     m_monitor.reset();
     m_package_observer.reset();
     m_settings.reset();
@@ -93,10 +94,13 @@ int service::run(int argc, char** argv)
         return 1;
     }
 
-    // TODO(start-up): create here, ending the start-up with status 1 after
-    // its warning:
-    //  - the bus API for the monitor and the configured Enabled value
-    //    ("Failed to setup DBus API").
+    // Requests the bus name; the object is registered from the main loop
+    // once the bus connection is made.
+    m_dbus_api = dbus_api::create(*m_monitor, m_settings->get_enabled());
+    if (!m_dbus_api) {
+        g_warning("Failed to setup DBus API");
+        return 1;
+    }
 
     // Nothing in the service quits the loop; it normally ends by a signal,
     // and then no teardown runs.

@@ -3,6 +3,7 @@
 #include "platform/g_ptr.hpp"
 #include "src/config/settings.hpp"
 #include "src/frame/package_observer.hpp"
+#include "src/surfaces/dbus_api.hpp"
 #include "src/tracking/monitor.hpp"
 
 #include <memory>
@@ -34,6 +35,7 @@ private:
     std::unique_ptr<settings> m_settings;
     std::unique_ptr<monitor> m_monitor;
     std::unique_ptr<package_observer> m_package_observer;
+    std::unique_ptr<dbus_api> m_dbus_api;
 };
 
 } // namespace kw

@@ -13,11 +13,12 @@ namespace kw {
 namespace {
 
 // Every run happens in a private mount and network namespace with an empty
-// tmpfs over /usr/local and the namespace's own sysfs, so the machine's own
-// package directory and interfaces are never touched. The configured
-// interface is the namespace's loopback.
+// tmpfs over /usr/local and /run and the namespace's own sysfs, so the
+// machine's own package directory, interfaces and system bus are never
+// touched. The configured interface is the namespace's loopback.
 const char* const PRIVATE_USR_LOCAL = "ulimit -c 0; mount -t tmpfs kwtest /usr/local || exit 99; "
-                                      "mount -t sysfs kwtest /sys || exit 99; ";
+                                      "mount -t sysfs kwtest /sys || exit 99; "
+                                      "mount -t tmpfs kwtest /run || exit 99; unset DBUS_SYSTEM_BUS_ADDRESS; ";
 
 struct outcome {
     int status = -1; // 128 + signal when the service was killed
