@@ -9,7 +9,8 @@ kw_packages=(
   libglib2.0-dev libnl-3-dev libnl-route-3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  iproute2 procps util-linux dbus-daemon tcpdump
+  iproute2 procps util-linux dbus-daemon tcpdump libglib2.0-bin
+  dpkg-dev file man-db groff-base
 )
 
 kw_install_missing() {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Builds Kinwatch and runs the service in the foreground on the example
-# configuration, inside a private network namespace and a private mount
-# namespace (its own /usr/local), so nothing reaches the machine's own
-# interfaces or package directory. Stop it with Ctrl-C.
+# Builds Kinwatch and runs three simulated cameras in the lab (scripts/lab).
+# Each camera runs the service in network and mount namespaces of its own
+# with a system bus of its own, so nothing reaches the machine's own
+# interfaces, package directory or system bus. Shows what the cameras learn
+# and the events they raise until Ctrl-C, then removes everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -12,13 +13,4 @@ build=${KW_BUILD_DIR:-build/run}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKW_TESTS=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target kinwatch
 
-work=$(mktemp -d /tmp/kinwatch-run.XXXXXX)
-trap 'rm -rf "$work"' EXIT
-cp data/kinwatch.conf "$work/kinwatch.conf"
-echo "Configuration: $work/kinwatch.conf"
-
-export G_MESSAGES_DEBUG=all
-unshare --net --mount --propagation private sh -c '
-  mount -t tmpfs kinwatch-local /usr/local &&
-  ip link set lo up &&
-  exec "$0" -n -c "$1"' "$build/src/frame/kinwatch" "$work/kinwatch.conf"
+exec scripts/lab demo "${KW_CAMERAS:-3}" --binary "$build/src/frame/kinwatch"
