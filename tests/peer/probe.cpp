@@ -134,13 +134,6 @@ int thread_count()
     return threads_named("monitor_sender_start_local") + threads_named("monitor_receiver_start_local");
 }
 
-int descriptor_count()
-{
-    int count = 0;
-    for_each_entry("/proc/self/fd", [&](const std::string&) { ++count; });
-    return count;
-}
-
 void rename_test_thread()
 {
     prctl(PR_SET_NAME, "kw-test");

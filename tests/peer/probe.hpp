@@ -54,8 +54,6 @@ bool wait_until(const std::function<bool()>& condition);
 int threads_named(const std::string& name);
 // Sending and receiving threads, counted by name.
 int thread_count();
-// Open descriptors of this process.
-int descriptor_count();
 // Renames the calling thread. The test binary's name, cut to 15 characters,
 // can equal a worker's, and helper threads that a sanitizer starts later
 // inherit it; call this before the first thread starts.
