@@ -32,14 +32,13 @@ std::unique_ptr<monitor> monitor::create(settings& config, monitor_environment e
 
 monitor::~monitor()
 {
+    // Stopped in any case: the interfaces borrow the receive queue, so they
+    // are never left to the members' own destruction order.
+    stop();
     if (m_settings.get_enabled()) {
-        stop();
         m_settings.set_enabled(false);
         m_settings.save();
     }
-    // The interfaces borrow the receive queue: never leave them to the
-    // members' own destruction order.
-    stop();
 }
 
 void monitor::create_tables()

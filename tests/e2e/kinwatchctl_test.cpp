@@ -26,17 +26,9 @@ constexpr auto prompt_limit = 30s;
 // Silence of 60 s, found at a 5-s tick, then read by the watch every 5 s.
 constexpr auto loss_limit = 100s;
 
-std::string mac_of(int camera)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "02:00:00:00:00:%02x", camera);
-    return text;
-}
-
 std::string line_of(const char* what, int camera)
 {
-    return std::string(what) + " " + mac_of(camera) + " 10.78.0." + std::to_string(camera) + " fd78::" +
-           std::to_string(camera) + "\n";
+    return std::string(what) + " " + lab_mac_of(camera) + " " + lab_ipv4_of(camera) + " " + lab_ipv6_of(camera) + "\n";
 }
 
 // One run of the tool with its output in files, readable while it runs.
@@ -127,7 +119,7 @@ std::vector<std::string> split_lines(const std::string& text)
 bool lists(const std::optional<std::vector<lab_node>>& nodes, int camera)
 {
     return nodes && std::any_of(nodes->begin(), nodes->end(),
-                                [&](const lab_node& node) { return node.mac == mac_of(camera); });
+                                [&](const lab_node& node) { return node.mac == lab_mac_of(camera); });
 }
 
 TEST(kinwatchctl_test, lists_sets_and_watches_the_cameras_of_a_lab)
@@ -159,9 +151,9 @@ TEST(kinwatchctl_test, lists_sets_and_watches_the_cameras_of_a_lab)
         auto rows = split_lines(table.out);
         ASSERT_EQ(rows.size(), 3u) << table.out;
         EXPECT_EQ(rows[0].rfind("HARDWARE ADDRESS", 0), 0u) << table.out;
-        EXPECT_EQ(rows[1].rfind(mac_of(2) + "  10.78.0.2  fd78::2  ", 0), 0u) << table.out;
-        EXPECT_EQ(rows[2].rfind(mac_of(3) + "  10.78.0.3  fd78::3  ", 0), 0u) << table.out;
-        EXPECT_EQ(table.out.find(mac_of(1)), std::string::npos) << table.out;
+        EXPECT_EQ(rows[1].rfind(lab_mac_of(2) + "  10.78.0.2  fd78::2  ", 0), 0u) << table.out;
+        EXPECT_EQ(rows[2].rfind(lab_mac_of(3) + "  10.78.0.3  fd78::3  ", 0), 0u) << table.out;
+        EXPECT_EQ(table.out.find(lab_mac_of(1)), std::string::npos) << table.out;
     }
 
     {

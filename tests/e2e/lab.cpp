@@ -1,5 +1,7 @@
 #include "tests/e2e/lab.hpp"
 
+#include <cstdio>
+
 #include "tests/support/netns.hpp"
 
 #include <arpa/inet.h>
@@ -21,6 +23,23 @@
 #include <thread>
 
 namespace kw::test {
+
+std::string lab_mac_of(int camera)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "02:00:00:00:00:%02x", camera);
+    return text;
+}
+
+std::string lab_ipv4_of(int camera)
+{
+    return "10.78.0." + std::to_string(camera);
+}
+
+std::string lab_ipv6_of(int camera)
+{
+    return "fd78::" + std::to_string(camera);
+}
 
 namespace {
 

@@ -17,6 +17,11 @@
 
 namespace kw::test {
 
+// The addresses scripts/lab gives camera N (N from 1).
+std::string lab_mac_of(int camera);
+std::string lab_ipv4_of(int camera);
+std::string lab_ipv6_of(int camera);
+
 // One tuple of GetKnownNodes or GetLostNodes.
 struct lab_node {
     std::string mac;

@@ -27,22 +27,13 @@ constexpr auto loss_limit = 80s;
 // the 60 s after which silence alone would remove a node.
 constexpr auto prompt_limit = 30s;
 
-std::string mac_of(int camera)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "02:00:00:00:00:%02x", camera);
-    return text;
-}
-std::string ipv4_of(int camera) { return "10.78.0." + std::to_string(camera); }
-std::string ipv6_of(int camera) { return "fd78::" + std::to_string(camera); }
-
 // Whether a camera's list names the other camera; nothing when the call fails.
 std::optional<bool> listed(lab& cameras, int camera, const char* method, int other)
 {
     auto nodes = cameras.nodes(camera, method);
     if (!nodes)
         return std::nullopt;
-    return std::any_of(nodes->begin(), nodes->end(), [&](const lab_node& node) { return node.mac == mac_of(other); });
+    return std::any_of(nodes->begin(), nodes->end(), [&](const lab_node& node) { return node.mac == lab_mac_of(other); });
 }
 
 bool knows(lab& cameras, int camera, int other)
@@ -100,8 +91,8 @@ std::vector<std::uint8_t> announce_of(int camera, std::uint32_t group)
     bytes.push_back(static_cast<std::uint8_t>(camera));
     std::uint8_t ipv4[4];
     std::uint8_t ipv6[16];
-    inet_pton(AF_INET, ipv4_of(camera).c_str(), ipv4);
-    inet_pton(AF_INET6, ipv6_of(camera).c_str(), ipv6);
+    inet_pton(AF_INET, lab_ipv4_of(camera).c_str(), ipv4);
+    inet_pton(AF_INET6, lab_ipv6_of(camera).c_str(), ipv6);
     bytes.insert(bytes.end(), ipv4, ipv4 + 4);
     bytes.insert(bytes.end(), ipv6, ipv6 + 16);
     return bytes;
@@ -126,14 +117,14 @@ void expect_converged(lab& cameras, int count, std::uint64_t since)
             if (other == camera)
                 continue;
             auto node = std::find_if(known->begin(), known->end(),
-                                     [&](const lab_node& n) { return n.mac == mac_of(other); });
-            ASSERT_NE(node, known->end()) << mac_of(other);
-            EXPECT_EQ(node->ipv4, ipv4_of(other));
-            EXPECT_EQ(node->ipv6, ipv6_of(other));
+                                     [&](const lab_node& n) { return n.mac == lab_mac_of(other); });
+            ASSERT_NE(node, known->end()) << lab_mac_of(other);
+            EXPECT_EQ(node->ipv4, lab_ipv4_of(other));
+            EXPECT_EQ(node->ipv6, lab_ipv6_of(other));
             EXPECT_LE(since, node->first_seen);
             EXPECT_LE(node->first_seen, node->last_seen);
             EXPECT_LE(node->last_seen, now);
-            EXPECT_EQ(cameras.count_events(camera, "SiblingConnected", mac_of(other)), 1) << mac_of(other);
+            EXPECT_EQ(cameras.count_events(camera, "SiblingConnected", lab_mac_of(other)), 1) << lab_mac_of(other);
         }
         EXPECT_EQ(cameras.count_events(camera, "SiblingConnected"), count - 1);
     }
@@ -174,10 +165,10 @@ TEST(lab_test, three_cameras_learn_each_other_and_follow_run_state_and_group)
             EXPECT_EQ(datagram.payload, announce_of(sender, 1)) << "from camera " << sender;
             EXPECT_EQ(datagram.destination_port, 21845);
             if (datagram.family == AF_INET) {
-                EXPECT_EQ(datagram.source, ipv4_of(sender));
+                EXPECT_EQ(datagram.source, lab_ipv4_of(sender));
                 EXPECT_EQ(datagram.destination, "239.255.78.1");
             } else {
-                EXPECT_EQ(datagram.source, ipv6_of(sender));
+                EXPECT_EQ(datagram.source, lab_ipv6_of(sender));
                 EXPECT_EQ(datagram.destination, "ff05::78");
             }
             seen[datagram.family == AF_INET6] = true;
@@ -206,7 +197,7 @@ TEST(lab_test, three_cameras_learn_each_other_and_follow_run_state_and_group)
         ASSERT_TRUE(took) << "the siblings did not learn camera 3 again";
         report("rejoin_seconds", *took);
         for (int camera : {1, 2})
-            EXPECT_EQ(cameras.count_events(camera, "SiblingConnected", mac_of(3)), 2) << "camera " << camera;
+            EXPECT_EQ(cameras.count_events(camera, "SiblingConnected", lab_mac_of(3)), 2) << "camera " << camera;
         EXPECT_EQ(disconnects(cameras, 3), 0);
     }
 
@@ -241,7 +232,7 @@ TEST(lab_test, a_killed_camera_is_reported_once_by_the_lowest_id)
         return;
 
     ASSERT_TRUE(cameras.must("kill 3"));
-    auto took = wait_for([&] { return cameras.count_events(1, "SiblingDisconnected", mac_of(3)) > 0; },
+    auto took = wait_for([&] { return cameras.count_events(1, "SiblingDisconnected", lab_mac_of(3)) > 0; },
                          loss_limit);
     ASSERT_TRUE(took) << "camera 1 did not report camera 3";
     report("loss_seconds", *took);
@@ -301,7 +292,7 @@ TEST(lab_test, down_leaves_no_namespace_process_or_mount)
                           &seen),
                       0)
                 << seen;
-            EXPECT_EQ(seen, mac_of(camera.camera) + "\nRunning\n");
+            EXPECT_EQ(seen, lab_mac_of(camera.camera) + "\nRunning\n");
         }
         EXPECT_EQ(lines_naming("/proc/mounts", state), "") << "mounts belong in the cameras' namespaces";
 
