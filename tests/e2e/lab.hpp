@@ -22,7 +22,10 @@ std::string lab_mac_of(int camera);
 std::string lab_ipv4_of(int camera);
 std::string lab_ipv6_of(int camera);
 
-// One tuple of GetKnownNodes or GetLostNodes.
+// One tuple of GetKnownNodes or GetLostNodes. The lab reads the tuples
+// itself rather than through kinwatchctl's node_entry: the kinwatchctl tests
+// compare that tool's output against this reading, which must not share its
+// faults.
 struct lab_node {
     std::string mac;
     std::string ipv4;
