@@ -8,13 +8,16 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 
 namespace kw {
 namespace {
 
 const char* const PRIVATE = "ulimit -c 0; mount -t tmpfs kw /usr/local && mount -t sysfs kw /sys && "
                             "mount -t tmpfs kw /run || exit 99; unset DBUS_SYSTEM_BUS_ADDRESS; ";
-const char* const RUNNING = "mkdir -p /usr/local/packages/kinwatch; echo Running >/usr/local/packages/kinwatch/is_running; ";
+const std::string STATE = "/usr/local/packages/kinwatch/is_running";
+const std::string RUNNING = "mkdir -p /usr/local/packages/kinwatch; echo Running >" + STATE + "; ";
 
 std::string settings(const char* ttl, const char* enabled)
 {
@@ -55,7 +58,7 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.args));
         bool with_file = row.args.size() == 3 && row.args[2] == bad_ttl;
-        auto process = spawn(std::string(PRIVATE) + (with_file ? RUNNING : "") +
+        auto process = spawn(std::string(PRIVATE) + (with_file ? RUNNING : std::string()) +
                                  "\"$@\"; status=$?; [ -d /usr/local/packages ] && echo made; echo $status",
                              row.args);
         char *out = nullptr, *err = nullptr;
@@ -75,23 +78,37 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
     EXPECT_EQ(dir.read("bad_ttl.conf"), settings("0", "false"));
 }
 
-// The monitor's start rewrites the file; a signal ends the service with no
-// teardown, so the file stays as the start left it.
-TEST(kinwatch, runs_until_terminated_after_rewriting_its_file)
+// Started with the package stopped: once both directories are watched, only
+// the running main loop can start the monitor, whose start rewrites the file.
+// A signal ends the service with no teardown, so the file stays as it is.
+TEST(kinwatch, runs_its_main_loop_until_terminated)
 {
     KW_REQUIRE_ROOT();
     test::temp_dir dir;
     std::string config = dir.write("kinwatch.conf", "# dropped\n" + settings("1", "true") + "Extra=1\n");
-    auto process = spawn(std::string(PRIVATE) + RUNNING + "exec \"$@\"", {"-n", "-c", config});
+    auto process = spawn(std::string(PRIVATE) + RUNNING + "echo Stopped >" + STATE + "; exec \"$@\"", {"-n", "-c", config});
     ASSERT_TRUE(process);
+    std::string proc = std::string("/proc/") + g_subprocess_get_identifier(process.get());
+    auto watches = [&] {
+        std::error_code ignored;
+        int count = 0;
+        for (const auto& fd : std::filesystem::directory_iterator(proc + "/fdinfo", ignored)) {
+            std::ifstream in(fd.path());
+            for (std::string line; std::getline(in, line);)
+                count += line.rfind("inotify wd:", 0) == 0;
+        }
+        return count;
+    };
+    for (int tries = 0; tries < 1000 && watches() < 2; ++tries)
+        g_usleep(10'000);
+    std::ofstream(proc + "/root" + STATE) << "Running\n";
     for (int tries = 0; tries < 1000 && dir.read("kinwatch.conf") != settings("1", "true"); ++tries)
         g_usleep(10'000);
     g_subprocess_send_signal(process.get(), SIGTERM);
     char* err = nullptr;
     ASSERT_TRUE(g_subprocess_communicate_utf8(process.get(), nullptr, nullptr, nullptr, &err, nullptr));
     EXPECT_EQ(take_string(err), "");
-    EXPECT_TRUE(g_subprocess_get_if_signaled(process.get()));
-    EXPECT_EQ(g_subprocess_get_term_sig(process.get()), SIGTERM);
+    EXPECT_TRUE(g_subprocess_get_if_signaled(process.get()) && g_subprocess_get_term_sig(process.get()) == SIGTERM);
     EXPECT_EQ(dir.read("kinwatch.conf"), settings("1", "true"));
 }
 

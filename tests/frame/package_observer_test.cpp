@@ -82,6 +82,7 @@ TEST_F(package_observer_test, each_event_kind_stops_rereads_or_does_nothing)
                     was_running ? engine().start() : (engine().stop(), true);
                     for (GFile* ignored : {other.get(), other_package.get(), static_cast<GFile*>(nullptr)})
                         handle(ignored, event);
+                    EXPECT_EQ(engine().is_running(), was_running) << "after events for other entries";
                     bool watched = m_observer->get_package_directory_monitor() != nullptr;
                     handle(file.get(), event);
                     reaction seen = enabled ? expected : reaction::none;
