@@ -90,6 +90,8 @@ bool monitor::start()
         g_timeout_add_seconds(announce_period_seconds, &monitor::announce_tick_trampoline, this);
 
     m_running = true;
+    m_answer_due = false;
+    m_answered = false;
     send_announce();
     return true;
 }
@@ -124,6 +126,7 @@ void monitor::stop()
 
     // Stops and joins every chain's threads before the queue they push to goes.
     m_interfaces.clear();
+    m_chained.clear();
     while (m_receive_queue->length() > 0)
         m_receive_queue->pop();
     m_receive_queue.reset();
@@ -165,6 +168,7 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 
     if (!state.up) {
         m_interfaces.erase(name);
+        m_chained.erase(name);
         return;
     }
 
@@ -176,9 +180,10 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 
     // A chain that fails here logs its own warnings and is tried again at the
     // interface's next notification.
+    bool chained = false;
     if (state.ipv4_enabled) {
         interface.setup_ipv4();
-        interface.start_ipv4();
+        chained = interface.start_ipv4();
     } else {
         interface.stop_ipv4();
         interface.teardown_ipv4();
@@ -187,12 +192,20 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 
     if (state.ipv6_enabled) {
         interface.setup_ipv6();
-        interface.start_ipv6();
+        chained = interface.start_ipv6() || chained;
     } else {
         interface.stop_ipv6();
         interface.teardown_ipv6();
     }
     m_own_ipv6 = state.ipv6_address;
+
+    // The start's own ANNOUNCE covers the interfaces replayed at registration.
+    if (!chained) {
+        m_chained.erase(name);
+    } else if (m_chained.insert(name).second && m_running) {
+        ask_answer();
+        answer_if_due();
+    }
 }
 
 void monitor::broadcast(std::unique_ptr<peer_message> message)
@@ -231,8 +244,18 @@ bool monitor::announce_tick()
     return true;
 }
 
+void monitor::answer_if_due()
+{
+    if (!m_answer_due || m_answered)
+        return;
+    m_answer_due = false;
+    m_answered = true;
+    send_announce();
+}
+
 bool monitor::process_tick()
 {
+    m_answered = false;
     // Without an interface nothing is taken from the queue and nothing expires.
     if (!m_running || m_interfaces.empty())
         return true;
@@ -253,6 +276,7 @@ bool monitor::process_tick()
     }
 
     expire_silent_nodes();
+    answer_if_due();
     return true;
 }
 
@@ -287,11 +311,14 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         return;
     stored->print();
     m_events->send_connected(*stored);
+    ask_answer();
 }
 
 void monitor::process_dispatched(const peer_message& message)
 {
     message.print();
+    if (message.get_dispatched_node_id() == m_own_node_id)
+        ask_answer(); // declared lost while alive
     std::unique_ptr<monitor_message_type> record = m_known_nodes->steal(message.get_dispatched_node_id());
     if (!record) {
         g_warning("Failed to extract message from known nodes table");
