@@ -48,7 +48,8 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         std::vector<const char*> texts;
     } rows[] = {
         {{"-n"}, 1, false, {"Usage:", " Kinwatch\n", "-n, --no-daemon", "Do not run in background", "-c, --config_file",
-                            "Specify configuration file, -c <filename>", "-i, --ident", "The name of the process, -i <ident>"}},
+                            "Specify configuration file, -c <filename>", "-i, --ident", "The name of the process, -i <ident>",
+                            "-f, --fast-join", "Answer a newly heard sibling with an ANNOUNCE at once"}},
         {{"-n", "--bogus"}, fatal, false, {"Unknown option --bogus"}},
         {{"-n", "-c"}, fatal, false, {"Missing argument for -c"}},
         {{"-n", "-c", dir.file("missing.conf")}, 1, true, {"WARNING **: ", ": Failed to read configuration\n"}},
