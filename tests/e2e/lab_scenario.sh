@@ -76,6 +76,11 @@ start=$SECONDS
 # Well below the 55 s after which the periodic ANNOUNCEs would do it.
 wait_for 30 converged || fail "the cameras did not all learn each other within 30 s"
 echo "converged in $((SECONDS - start)) s"
+# Own ANNOUNCEs sent (a node never hears its own): camera 4, without the
+# option, only the start's; camera 1 also answered the three others.
+own_announces() { lab log "$1" | grep -c "ANNOUNCE: $((0x020000000000 + $1)), IPv4"; }
+check equals "$(own_announces 4)" 1
+check test "$(own_announces 1)" -ge 2
 now=$(date +%s)
 for a in 1 2 3 4; do
   check equals "$(lab nodes "$a" | awk -v s="$since" -v n="$now" '!(s <= $4 && $4 <= $5 && $5 <= n)')" ""
