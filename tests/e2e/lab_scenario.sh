@@ -114,6 +114,13 @@ sleep 20
 check holds 1 2 4
 lab link 3 up
 wait_for 25 eval 'holds 1 2 3 4 && holds 2 1 3 4 && holds 4 1 2 3' || fail "camera 3 was not learnt within 25 s"
+# Its first ANNOUNCE after the link came up is its own, not an answer to
+# the others' periodic ones.
+check awk -v leave="LEAVE: $((0x020000000003))" -v own="ANNOUNCE: $((0x020000000003)), IPv4" '
+  index($0, leave) { phase = 1; first = "" }
+  phase == 1 && /Interface\(eth0\): state:up/ { phase = 2 }
+  phase == 2 && first == "" && /ANNOUNCE: [0-9]+, IPv4/ { first = $0 }
+  END { exit !index(first, own) }' "$state/c3/kinwatch.log"
 for a in 1 2 4; do check equals "$(count_events "$a" SiblingConnected 3)" 2; done
 
 echo "--- a group change over kinwatchctl"
