@@ -147,6 +147,38 @@ TEST_F(monitor_test, the_lowest_live_node_reports_a_node_silent_for_sixty_second
     }
 }
 
+// Silence is measured on the monotonic clock; first and last seen stay wall-clock times.
+TEST_F(monitor_test, a_wall_clock_step_neither_loses_a_live_sibling_nor_delays_a_loss)
+{
+    for (GTimeSpan step : {G_TIME_SPAN_HOUR, 30 * 365 * G_TIME_SPAN_DAY, -G_TIME_SPAN_HOUR}) {
+        SCOPED_TRACE(step);
+        m_log.clear();
+        camera cam({.id = 1});
+        monitor& engine = start(cam);
+        cam.inject_announce(2);
+        cam.inject_announce(3);
+        engine.process_tick();
+        cam.clock().step_wall_us(step);
+        cam.clock().advance_us(5 * second);
+        cam.inject_announce(2);
+        engine.process_tick();
+        monitor_message_type* two = nullptr;
+        ASSERT_TRUE(engine.get_known_nodes_table()->lookup(2, &two));
+        EXPECT_EQ(g_date_time_compare(two->get_last_seen(), cam.clock().now()), 0);
+        EXPECT_EQ(g_date_time_difference(two->get_last_seen(), two->get_first_seen()), step + 5 * second);
+
+        cam.clock().advance_us(55 * second - 1); // 3 was heard 59,999,999 us ago
+        engine.process_tick();
+        EXPECT_EQ(place(engine, 2) + place(engine, 3), "knownknown");
+        EXPECT_EQ(events("SiblingDisconnected"), 0u);
+        cam.clock().advance_us(1);
+        engine.process_tick();
+        EXPECT_EQ(place(engine, 2) + place(engine, 3), "knownlost");
+        EXPECT_EQ(events("SiblingDisconnected"), 1u);
+        EXPECT_EQ(events("SiblingConnected"), 2u);
+    }
+}
+
 TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
 {
     std::unique_ptr<probe> probes[2];
