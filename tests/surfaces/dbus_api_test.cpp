@@ -12,16 +12,6 @@
 #include <cstdlib>
 #include <thread>
 
-#if defined(__SANITIZE_THREAD__)
-// GIO hands its objects to its worker thread through atomics inside
-// uninstrumented libraries; our own code is still checked.
-extern "C" const char* __tsan_default_suppressions()
-{
-    return "called_from_lib:libglib-2.0.so.0\ncalled_from_lib:libgobject-2.0.so.0\n"
-           "called_from_lib:libgio-2.0.so.0\n";
-}
-#endif
-
 namespace kw::test {
 namespace {
 
