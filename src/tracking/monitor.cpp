@@ -291,7 +291,7 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         // A refresh is a new record that keeps the old first-seen time.
         g_ptr<GDateTime> first_seen = ref(old->get_first_seen());
         m_known_nodes->remove(id);
-        auto record = monitor_message_type::create(std::move(message), m_environment.clock);
+        auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
         if (!record)
             return;
         record->set_first_seen(std::move(first_seen));
@@ -301,7 +301,7 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         return;
     }
 
-    auto record = monitor_message_type::create(std::move(message), m_environment.clock);
+    auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
     if (!record)
         return;
     monitor_message_type* stored = record.get();
@@ -341,14 +341,16 @@ void monitor::expire_silent_nodes()
     // One walk lists the silent nodes and counts the live (not stale) nodes
     // below our own id. Marking a node stale lowers that count, so each
     // reporter decision costs O(1) and the tick stays linear in the table.
-    g_ptr<GDateTime> now = m_environment.clock();
+    // Silence is measured on the monotonic clock (system_monotonic_now says
+    // which and why), never on the wall clock that last seen shows: a step of
+    // the wall clock neither loses a live sibling nor keeps a dead one.
+    const gint64 now = m_environment.monotonic();
     std::size_t live_below = 0;
     std::vector<node_id> silent = m_known_nodes->filter_ids([&](const monitor_message_type& record) {
         if (!record.is_stale() && record.get_message().get_node_id() < m_own_node_id)
             ++live_below;
-        return g_date_time_difference(now.get(), record.get_last_seen()) > silence_limit_us;
+        return now - record.get_last_heard() > silence_limit_us;
     });
-    now.reset();
 
     for (node_id id : silent) {
         monitor_message_type* record = nullptr;

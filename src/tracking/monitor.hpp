@@ -26,11 +26,12 @@ namespace kw {
 
 // What the engine takes from its host beyond the settings record. The service
 // uses the defaults; tests point them at a temporary package directory, a
-// fake sysfs tree and a clock of their own.
+// fake sysfs tree and clocks of their own.
 struct monitor_environment {
     package run_state {};
     std::string sysfs_root = mac_address::default_sysfs_root;
     local_clock clock = system_local_now;
+    monotonic_clock monotonic = system_monotonic_now;
     // Answer with an ANNOUNCE at once when a tick learns a node, when an
     // interface gets its first running chain after the start, and when a
     // DISPATCHED declares this node lost; at most once per process period.
@@ -48,7 +49,8 @@ public:
 
     static constexpr guint process_period_seconds = 5;
     static constexpr guint announce_period_seconds = 55;
-    // Silent means: more than this many microseconds since last seen.
+    // Silent means: more than this many microseconds of the monotonic clock
+    // since last heard. A step of the wall clock changes nothing.
     static constexpr GTimeSpan silence_limit_us = 59'999'999;
 
     // The node id comes from the hardware address of the configured

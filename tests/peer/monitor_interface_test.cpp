@@ -1,123 +1,209 @@
+// Interfaces, their chains and the sockets and threads under them, on the
+// first host of a lab; plain probes and senders on the second.
+
 #include "src/peer/monitor_interface.hpp"
 #include "tests/peer/probe.hpp"
 #include "tests/support/log_capture.hpp"
-#include "tests/support/netns.hpp"
 
 #include <gtest/gtest.h>
+
+#include <optional>
 
 namespace kw {
 namespace {
 
-using test::memberships;
 using test::netns_enter;
 using test::probe;
-using test::thread_count;
 using test::wait_until;
+using test::worker_threads;
 
 constexpr int port = 17700;
 constexpr const char* ipv4_group = "239.255.77.1";
 constexpr const char* ipv6_group = "ff15::77";
 
-// An interface on the first lab host; probes listen on the second.
-class monitor_interface_test : public ::testing::Test {
+node_id heard(probe& listener, int ttl = -1)
+{
+    auto got = listener.receive();
+    auto message = got ? peer_message::decode(got->bytes.data(), static_cast<ssize_t>(got->bytes.size())) : nullptr;
+    EXPECT_TRUE(ttl < 0 || (got && got->ttl == ttl));
+    return message ? message->get_node_id() : 0;
+}
+
+class monitor_interface_lab : public ::testing::Test {
 protected:
     void SetUp() override
     {
         KW_REQUIRE_ROOT();
         m_lab = std::make_unique<test::netns_lab>(2);
         ASSERT_TRUE(m_lab->ok());
-        // The IPv4 leave names no interface: the kernel finds it through the
-        // route to the group, as on a camera with its default route.
-        ASSERT_TRUE(near().must_exec("ip route add 224.0.0.0/4 dev eth0"));
-        m_queue = message_queue::create();
+        // Leaving an IPv4 group names no interface: the kernel takes the one
+        // of the route to the group, as on a camera with its default route.
+        ASSERT_TRUE(host(0).must_exec("ip route add 224.0.0.0/4 dev eth0"));
+        m_inside.emplace(host(0));
     }
-
-    test::netns& near() { return *m_lab->host(0).ns; }
-
-    std::unique_ptr<monitor_interface> create(const std::string& ipv6 = ipv6_group)
+    test::netns& host(int index) { return *m_lab->host(index).ns; }
+    std::unique_ptr<probe> listen(int index, const char* group)
     {
-        return monitor_interface::create("eth0", ipv4_group, ipv6, port, 1, *m_queue, 7);
-    }
-
-    std::unique_ptr<probe> listen(const std::string& group)
-    {
-        netns_enter in(*m_lab->host(1).ns);
+        netns_enter in(host(index));
         return probe::open("eth0", group, port);
     }
-
-    // The node id of the next datagram the probe hears, 0 when none comes.
-    static node_id heard(probe& p)
+    // Both chains running on host 0.
+    std::unique_ptr<monitor_interface> start(int ttl, std::uint32_t group)
     {
-        auto got = p.receive();
-        auto message = got ? peer_message::decode(got->bytes.data(), static_cast<ssize_t>(got->bytes.size())) : nullptr;
-        return message ? message->get_node_id() : 0;
+        auto interface = monitor_interface::create("eth0", ipv4_group, ipv6_group, port, ttl, *m_queue, group);
+        EXPECT_TRUE(interface->setup_ipv4() && interface->setup_ipv6());
+        EXPECT_TRUE(interface->start_ipv4() && interface->start_ipv6());
+        return interface;
     }
 
     std::unique_ptr<test::netns_lab> m_lab;
-    std::unique_ptr<message_queue> m_queue;
+    // The test's thread stays on host 0, so every socket and thread of the
+    // interface lives there.
+    std::optional<netns_enter> m_inside;
+    std::unique_ptr<message_queue> m_queue = message_queue::create();
+    test::log_capture m_log;
 };
 
-TEST_F(monitor_interface_test, destruction_ends_four_threads_and_leaves_both_groups)
+TEST_F(monitor_interface_lab, sends_on_both_families_with_its_ttl_never_to_itself_and_drains_at_destruction)
 {
-    int before = thread_count();
-    std::unique_ptr<monitor_interface> interface;
-    {
-        netns_enter in(near());
-        interface = create();
-        ASSERT_TRUE(interface->setup_ipv4() && interface->setup_ipv6());
-        ASSERT_TRUE(interface->start_ipv4() && interface->start_ipv6());
+    auto far4 = listen(1, ipv4_group), far6 = listen(1, ipv6_group);
+    auto own4 = listen(0, ipv4_group), own6 = listen(0, ipv6_group);
+    auto moved = listen(1, "239.255.77.2");
+    ASSERT_TRUE(far4 && far6 && own4 && own6 && moved);
+    int before = worker_threads();
+    auto interface = start(3, 7);
+    EXPECT_TRUE(interface->start_ipv4()); // already running: nothing changes
+    EXPECT_TRUE(wait_until([&] { return worker_threads() == before + 4; }));
+
+    // A refused TTL leaves the last accepted one in force.
+    struct {
+        int ttl;
+        bool accepted;
+        int in_force;
+    } rows[] = {{255, true, 255}, {1, true, 1}, {0, false, 1}, {256, false, 1}};
+    for (auto r : rows) {
+        EXPECT_EQ(interface->set_ttl(r.ttl), r.accepted) << r.ttl;
+        auto leave = peer_message::leave_new(r.ttl + 1, 7);
+        interface->send(leave->copy());
+        for (probe* far : {far4.get(), far6.get()}) {
+            auto got = far->receive();
+            ASSERT_TRUE(got);
+            EXPECT_EQ(got->bytes, *leave->encode());
+            EXPECT_EQ(got->ttl, r.in_force) << r.ttl;
+        }
     }
-    EXPECT_TRUE(wait_until([&] { return thread_count() == before + 4; }));
-    EXPECT_NE(memberships(near(), "eth0").find(ipv4_group), std::string::npos);
-    EXPECT_NE(memberships(near(), "eth0").find(ipv6_group), std::string::npos);
+    EXPECT_EQ(m_log.warnings(), (std::vector<std::string> {"TTL: 0 is out of range", "TTL: 256 is out of range"}));
 
-    interface.reset();
-    EXPECT_TRUE(wait_until([&] { return thread_count() == before; }));
-    EXPECT_EQ(memberships(near(), "eth0").find(ipv4_group), std::string::npos);
-    EXPECT_EQ(memberships(near(), "eth0").find(ipv6_group), std::string::npos);
-}
+    // A stopped chain gets nothing; a chain that is gone does not start.
+    EXPECT_TRUE(interface->stop_ipv6());
+    interface->send(peer_message::leave_new(10, 7));
+    EXPECT_EQ(heard(*far4), 10u);
+    interface->teardown_ipv6();
+    EXPECT_FALSE(interface->start_ipv6());
+    EXPECT_TRUE(interface->stop_ipv6());
 
-TEST_F(monitor_interface_test, an_ipv6_join_failure_logs_its_cascade_and_spares_ipv4)
-{
-    netns_enter in(near());
-    // A unicast address as the group: the sender takes it, the join fails.
-    auto interface = create("fd77::99");
-    test::log_capture log;
-    EXPECT_FALSE(interface->setup_ipv6());
-    std::string reason = g_strerror(EINVAL);
-    EXPECT_EQ(log.warnings(), (std::vector<std::string> {
-                                  "setsockopt() failed to set IPV6_JOIN_GROUP: " + reason,
-                                  "Failed to leave multicast group: " + reason,
-                                  "monitor_chain: failed to create mcast_receiver",
-                                  "monitor_chain: failed to setup receiver",
-                                  "monitor_chain: failed to create",
-                                  "monitor_interface: failed to setup ipv6 chain",
-                              }));
-    EXPECT_TRUE(interface->setup_ipv4());
-    EXPECT_TRUE(interface->start_ipv4());
-}
-
-TEST_F(monitor_interface_test, a_new_group_address_flushes_to_the_old_group_then_runs_on_the_new)
-{
-    const std::string other_group = "239.255.77.2";
-    auto old_far = listen(ipv4_group);
-    auto new_far = listen(other_group);
-    ASSERT_TRUE(old_far && new_far);
-    netns_enter in(near());
-    auto interface = create();
-    ASSERT_TRUE(interface->setup_ipv4() && interface->start_ipv4());
-
-    for (node_id id : {1, 2, 3})
+    // What was queued goes to the old group, the rest to the new one, from a
+    // chain rebuilt with the stored TTL.
+    for (node_id id : {11, 12, 13})
         interface->send(peer_message::leave_new(id, 7));
-    ASSERT_TRUE(interface->set_ipv4_address(other_group));
-    interface->send(peer_message::leave_new(4, 7));
+    EXPECT_TRUE(interface->set_ipv4_address(ipv4_group));
+    ASSERT_TRUE(interface->set_ipv4_address("239.255.77.2"));
+    interface->send(peer_message::leave_new(14, 7));
+    for (node_id id : {11, 12, 13})
+        EXPECT_EQ(heard(*far4), id);
+    EXPECT_EQ(heard(*moved, 1), 14u);
 
-    for (node_id id : {1, 2, 3})
-        EXPECT_EQ(heard(*old_far), id);
-    EXPECT_EQ(heard(*new_far), 4u);
-    std::string joined = memberships(near(), "eth0");
-    EXPECT_NE(joined.find(other_group), std::string::npos);
-    EXPECT_EQ(joined.find(std::string(ipv4_group) + "\n"), std::string::npos);
+    // Destruction sends what is still queued and ends the threads.
+    for (node_id id : {21, 22, 23})
+        interface->send(peer_message::leave_new(id, 7));
+    interface.reset();
+    for (node_id id : {21, 22, 23})
+        EXPECT_EQ(heard(*moved), id);
+    EXPECT_TRUE(wait_until([&] { return worker_threads() == before; }));
+    EXPECT_TRUE(far6->idle() && own4->idle() && own6->idle()); // multicast loopback is off
+    EXPECT_EQ(m_log.warnings().size(), 2u);
+}
+
+TEST_F(monitor_interface_lab, receivers_queue_the_decoded_messages_of_their_group_only)
+{
+    auto interface = start(1, 7);
+    std::unique_ptr<mcast_sender> far[2];
+    {
+        netns_enter in(host(1));
+        far[0] = mcast_sender::create("eth0", ipv4_group, port, 1);
+        far[1] = mcast_sender::create("eth0", ipv6_group, port, 1);
+        ASSERT_TRUE(far[0] && far[1]);
+    }
+    auto wire = [](std::unique_ptr<peer_message> message) { return *message->encode(); };
+    in6_addr ipv6 {};
+    ipv6.s6_addr[15] = 1;
+    std::vector<std::uint8_t> accepted[] = {wire(peer_message::announce_new(1, 7, in_addr {htonl(0x0a000001)}, ipv6)),
+                                            wire(peer_message::dispatched_new(2, 3, 7)), wire(peer_message::leave_new(4, 7))};
+    auto wrong_version = wire(peer_message::leave_new(5, 7)), oversized = wrong_version;
+    wrong_version[1] = 2;
+    oversized.resize(1500);
+    // Checks that the queue receives exactly what is expected, in order.
+    auto expect_queued = [&](const std::vector<std::vector<std::uint8_t>>& expected) {
+        ASSERT_TRUE(wait_until([&] { return m_queue->length() >= static_cast<int>(expected.size()); }));
+        for (const auto& bytes : expected)
+            EXPECT_EQ(m_queue->pop()->encode(), bytes);
+    };
+    for (auto& sender : far) {
+        for (const auto& bytes : {wire(peer_message::leave_new(6, 8)), wrong_version, oversized, accepted[0],
+                                  accepted[1], accepted[2]})
+            EXPECT_EQ(sender->send(bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        expect_queued({accepted[0], accepted[1], accepted[2]});
+    }
+    interface->set_group(8);
+    for (auto& sender : far) {
+        for (const auto& bytes : {wire(peer_message::leave_new(7, 7)), wire(peer_message::leave_new(8, 8))})
+            sender->send(bytes.data(), bytes.size());
+        expect_queued({wire(peer_message::leave_new(8, 8))});
+    }
+    interface.reset(); // the receiving threads, idle in their wait, wake up to end
+    EXPECT_EQ(m_queue->length(), 0);
+    EXPECT_TRUE(m_log.warnings().empty());
+}
+
+TEST(monitor_interface, a_chain_that_cannot_be_built_is_reported_and_spares_the_other_family)
+{
+    KW_REQUIRE_ROOT();
+    test::netns ns("chains");
+    ASSERT_TRUE(ns.must_exec("ip link add eth0 type veth peer name eth1 && ip link set eth0 up && ip link set eth1 up && "
+                             "ip route add 224.0.0.0/4 dev eth0"));
+    netns_enter in(ns);
+    auto queue = message_queue::create();
+    const std::string invalid = g_strerror(EINVAL);
+    // The sender looks a host name up, the receiver takes numeric groups only;
+    // a unicast group is taken by the sender and refused at the join.
+    auto interface = monitor_interface::create("eth0", "localhost", "fd77::99", port, 1, *queue, 7);
+    struct {
+        bool (monitor_interface::*setup)();
+        std::vector<std::string> warnings;
+    } rows[] = {
+        {&monitor_interface::setup_ipv4,
+         {"mcast_receiver_create, getaddrinfo() failed", "monitor_chain: failed to create mcast_receiver",
+          "monitor_chain: failed to setup receiver", "monitor_chain: failed to create",
+          "monitor_interface: failed to setup ipv4 chain"}},
+        {&monitor_interface::setup_ipv6,
+         {"setsockopt() failed to set IPV6_JOIN_GROUP: " + invalid, "Failed to leave multicast group: " + invalid,
+          "monitor_chain: failed to create mcast_receiver", "monitor_chain: failed to setup receiver",
+          "monitor_chain: failed to create", "monitor_interface: failed to setup ipv6 chain"}},
+    };
+    for (const auto& r : rows) {
+        test::log_capture log;
+        EXPECT_FALSE((*interface.*r.setup)());
+        EXPECT_EQ(log.warnings(), r.warnings);
+    }
+    test::log_capture log;
+    EXPECT_FALSE(interface->start_ipv6());
+    EXPECT_TRUE(log.lines().empty());
+    // Receivers of two interfaces share the port.
+    EXPECT_TRUE(interface->set_ipv4_address(ipv4_group) && interface->setup_ipv4() && interface->start_ipv4());
+    auto other = monitor_interface::create("eth1", ipv4_group, ipv6_group, port, 1, *queue, 7);
+    EXPECT_TRUE(other->setup_ipv4() && other->setup_ipv6() && other->start_ipv6());
+    EXPECT_TRUE(interface->set_ipv6_address(ipv6_group) && interface->setup_ipv6());
+    EXPECT_TRUE(log.warnings().empty());
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -9,7 +10,6 @@
 namespace kw::test {
 
 struct log_line {
-    std::string domain; // empty when logged without a domain
     bool has_domain = false;
     GLogLevelFlags level = G_LOG_LEVEL_DEBUG;
     std::string message;
@@ -19,27 +19,50 @@ struct log_line {
 // Fatal errors still abort, as they do in the service.
 class log_capture {
 public:
-    log_capture();
+    log_capture() : m_previous(g_log_set_default_handler(&log_capture::on_log, this)) {}
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
-    ~log_capture();
+    ~log_capture() { g_log_set_default_handler(m_previous, nullptr); }
 
-    std::vector<log_line> lines() const;
+    std::vector<log_line> lines() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_lines;
+    }
     // Messages at exactly this level, in order.
-    std::vector<std::string> messages(GLogLevelFlags level) const;
+    std::vector<std::string> messages(GLogLevelFlags level) const
+    {
+        std::vector<std::string> out;
+        for (const auto& line : lines())
+            if (line.level == level)
+                out.push_back(line.message);
+        return out;
+    }
     std::vector<std::string> warnings() const { return messages(G_LOG_LEVEL_WARNING); }
     std::vector<std::string> debugs() const { return messages(G_LOG_LEVEL_DEBUG); }
-    bool contains(GLogLevelFlags level, const std::string& message) const;
-    std::size_t count(GLogLevelFlags level, const std::string& message) const;
-    void clear();
+    std::size_t count(GLogLevelFlags level, const std::string& message) const
+    {
+        auto all = messages(level);
+        return static_cast<std::size_t>(std::count(all.begin(), all.end(), message));
+    }
+    bool contains(GLogLevelFlags level, const std::string& message) const { return count(level, message) > 0; }
+    void clear()
+    {
+        std::lock_guard lock(m_mutex);
+        m_lines.clear();
+    }
 
 private:
-    static void on_log(const char* domain, GLogLevelFlags level, const char* message, gpointer self);
+    static void on_log(const char* domain, GLogLevelFlags level, const char* message, gpointer self)
+    {
+        auto* capture = static_cast<log_capture*>(self);
+        std::lock_guard lock(capture->m_mutex);
+        capture->m_lines.push_back({domain != nullptr, GLogLevelFlags(level & G_LOG_LEVEL_MASK), message});
+    }
 
+    GLogFunc m_previous;
     mutable std::mutex m_mutex; // guards m_lines
     std::vector<log_line> m_lines;
-    GLogFunc m_previous = nullptr;
-    gpointer m_previous_data = nullptr;
 };
 
 } // namespace kw::test

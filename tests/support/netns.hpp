@@ -1,104 +1,182 @@
 #pragma once
 
-// Private network namespaces for tests that touch the network. Nothing here
-// ever configures or sends on the machine's own interfaces: every namespace
-// is created by the test, joined by veth pairs or a bridge of its own, and
-// deleted when the test's objects go out of scope.
+// Private network namespaces for tests that touch the network. Every
+// namespace is made by the test, joined only by veth pairs and a bridge of
+// its own, and deleted when its object goes out of scope.
+
+#include "platform/g_ptr.hpp"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace kw::test {
 
-bool is_root();
+inline bool is_root()
+{
+    return geteuid() == 0;
+}
 
-// Skips the current test when the process cannot create namespaces.
 #define KW_REQUIRE_ROOT()                                                                          \
     do {                                                                                           \
         if (!::kw::test::is_root())                                                                \
             GTEST_SKIP() << "needs root to create private network namespaces";                      \
     } while (0)
 
-// Runs a shell command; returns its exit status (-1 when it could not run).
-// The command's output is kept and added to the failure message by must().
-int run(const std::string& command, std::string* output = nullptr);
-// Runs a command and records a test failure when it does not succeed.
-bool must(const std::string& command);
+// Runs a shell command; its exit status, -1 when it could not run. The
+// output holds what it wrote to stdout and stderr.
+inline int run(const std::string& command, std::string* output = nullptr)
+{
+    std::string line = command + " 2>&1";
+    const char* argv[] = {"sh", "-c", line.c_str(), nullptr};
+    char* out = nullptr;
+    int status = 0;
+    if (!g_spawn_sync(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
+                      nullptr, &status, nullptr))
+        return -1;
+    g_ptr<char> owned(out);
+    if (output)
+        *output = out;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-// A named network namespace ("kwt<pid>-<n>-<label>"), deleted at scope end.
-// Loopback is brought up, duplicate address detection is off, so IPv6
-// addresses are usable at once.
+// Records a test failure, with the output, when the command does not succeed.
+inline bool must(const std::string& command)
+{
+    std::string output;
+    int status = run(command, &output);
+    if (status != 0)
+        ADD_FAILURE() << "command failed (" << status << "): " << command << "\n" << output;
+    return status == 0;
+}
+
+// Polls the condition every 10 ms until it holds; false after 20 s.
+inline bool wait_until(const std::function<bool()>& condition)
+{
+    for (gint64 deadline = g_get_monotonic_time() + 20 * G_USEC_PER_SEC; !condition(); g_usleep(10000)) {
+        if (g_get_monotonic_time() > deadline)
+            return false;
+    }
+    return true;
+}
+
+// "kwt<pid>-<n>-<label>", with loopback up and duplicate address detection
+// off, so IPv6 addresses are usable at once.
 class netns {
 public:
-    explicit netns(const std::string& label);
+    explicit netns(const std::string& label)
+    {
+        static std::atomic<int> next {0};
+        m_name = "kwt" + std::to_string(getpid()) + "-" + std::to_string(next++) + "-" + label;
+        m_ok = must("ip netns add " + m_name) &&
+               must_exec("sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0 && "
+                         "ip link set lo up");
+    }
     netns(const netns&) = delete;
     netns& operator=(const netns&) = delete;
-    ~netns();
+    ~netns() { run("ip netns del " + m_name); }
 
     const std::string& name() const { return m_name; }
     bool ok() const { return m_ok; }
-
-    // Runs a shell command inside the namespace.
-    int exec(const std::string& command, std::string* output = nullptr) const;
-    bool must_exec(const std::string& command) const;
-
-    // Waits until the interface's operational state is UP, that is until it
-    // really transmits. False (and a test failure) after a generous deadline.
-    bool wait_until_up(const std::string& interface) const;
+    int exec(const std::string& command, std::string* output = nullptr) const { return run(inside(command), output); }
+    bool must_exec(const std::string& command) const { return must(inside(command)); }
+    // Until then the kernel drops what is sent there while sendto() succeeds.
+    bool wait_until_up(const std::string& interface) const
+    {
+        bool up = wait_until([&] { return exec("ip -o link show dev " + interface + " | grep -q 'state UP'") == 0; });
+        if (!up)
+            ADD_FAILURE() << interface << " in " << m_name << " did not come up";
+        return up;
+    }
 
 private:
+    std::string inside(const std::string& command) const
+    {
+        g_ptr<char> quoted(g_shell_quote(command.c_str()));
+        return "ip netns exec " + m_name + " sh -c " + quoted.get();
+    }
+
     std::string m_name;
     bool m_ok = false;
 };
 
-// Moves the calling thread into a namespace for the scope. Sockets it opens
-// and threads it starts meanwhile live in that namespace.
+// Moves the calling thread into the namespace for the scope; sockets it opens
+// and threads it starts meanwhile live there.
 class netns_enter {
 public:
-    explicit netns_enter(const netns& ns);
+    explicit netns_enter(const netns& ns) : m_saved(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC))
+    {
+        int target = ::open(("/run/netns/" + ns.name()).c_str(), O_RDONLY | O_CLOEXEC);
+        if (target < 0 || setns(target, CLONE_NEWNET) != 0) {
+            ADD_FAILURE() << "cannot enter network namespace " << ns.name();
+            ::close(std::exchange(m_saved, -1));
+        }
+        ::close(target);
+    }
     netns_enter(const netns_enter&) = delete;
     netns_enter& operator=(const netns_enter&) = delete;
-    ~netns_enter();
-
-    bool ok() const { return m_ok; }
+    ~netns_enter()
+    {
+        // A test thread left in a private namespace would spoil every later test.
+        if (m_saved >= 0 && setns(m_saved, CLONE_NEWNET) != 0)
+            std::abort();
+        ::close(m_saved);
+    }
+    bool ok() const { return m_saved >= 0; }
 
 private:
-    int m_saved = -1;
-    bool m_ok = false;
+    int m_saved;
 };
 
-// One test host on the shared segment: its namespace, its interface name
-// ("eth0") and its addresses.
 struct lab_host {
     std::unique_ptr<netns> ns;
-    std::string interface = "eth0";
-    std::string ipv4;     // "10.77.0.<n>"
-    std::string ipv6;     // "fd77::<n>"
-    std::string mac;      // "02:00:00:00:00:<nn>"
+    std::string ipv4; // "10.77.0.<n>"
+    std::string ipv6; // "fd77::<n>"
+    std::string mac;  // "02:00:00:00:00:<nn>"
 };
 
-// A bridge namespace and N host namespaces, each host joined to the bridge
-// by a veth pair whose host end is "eth0", with a fixed hardware address,
-// an IPv4 address in 10.77.0.0/24 and an IPv6 address in fd77::/64.
-// Multicast snooping is off on the bridge, so every group is flooded. The
-// constructor returns once every link really transmits.
+// A bridge namespace ("br0", multicast snooping off so every group is
+// flooded) and hosts 1..N, each with an "eth0" on it carrying the addresses
+// above. Ready once every link really transmits.
 class netns_lab {
 public:
-    explicit netns_lab(int hosts);
-    netns_lab(const netns_lab&) = delete;
-    netns_lab& operator=(const netns_lab&) = delete;
-    ~netns_lab();
-
+    explicit netns_lab(int hosts) : m_bridge("br")
+    {
+        if (!m_bridge.ok() || !m_bridge.must_exec("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up"))
+            return;
+        for (int i = 1; i <= hosts; ++i) {
+            std::string n = std::to_string(i);
+            char mac[32];
+            std::snprintf(mac, sizeof mac, "02:00:00:00:00:%02x", i);
+            lab_host host {std::make_unique<netns>("h" + n), "10.77.0." + n, "fd77::" + n, mac};
+            // Both ends are made in the bridge namespace, then the host end moves.
+            if (!host.ns->ok() ||
+                !m_bridge.must_exec("ip link add vh" + n + " type veth peer name vb" + n + " && ip link set vb" + n +
+                                    " master br0 up && ip link set vh" + n + " netns " + host.ns->name()) ||
+                !host.ns->must_exec("ip link set vh" + n + " name eth0 && ip link set eth0 address " + host.mac +
+                                    " && ip addr add " + host.ipv4 + "/24 dev eth0 && ip -6 addr add " + host.ipv6 +
+                                    "/64 dev eth0 nodad && ip link set eth0 up") ||
+                !host.ns->wait_until_up("eth0") || !m_bridge.wait_until_up("vb" + n))
+                return;
+            m_hosts.push_back(std::move(host));
+        }
+        m_ok = true;
+    }
     bool ok() const { return m_ok; }
     lab_host& host(int index) { return m_hosts.at(static_cast<std::size_t>(index)); }
-    std::size_t size() const { return m_hosts.size(); }
-    netns& bridge() { return *m_bridge; }
 
 private:
-    std::unique_ptr<netns> m_bridge;
+    netns m_bridge;
     std::vector<lab_host> m_hosts;
     bool m_ok = false;
 };

@@ -13,33 +13,30 @@ namespace kw::test {
 // everything in it at scope end.
 class temp_dir {
 public:
-    temp_dir()
+    temp_dir() : m_path((std::filesystem::temp_directory_path() / "kwt-XXXXXX").string())
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kwt-XXXXXX").string();
-        if (g_mkdtemp(pattern.data()))
-            m_path = pattern;
+        if (!g_mkdtemp(m_path.data()))
+            m_path.clear();
     }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
     ~temp_dir()
     {
         std::error_code ignored;
-        if (!m_path.empty())
+        if (ok())
             std::filesystem::remove_all(m_path, ignored);
     }
 
     bool ok() const { return !m_path.empty(); }
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + "/" + name; }
-
     // Writes a file below the directory and returns its path.
     std::string write(const std::string& name, const std::string& content) const
     {
-        std::string target = file(name);
-        std::ofstream(target, std::ios::binary | std::ios::trunc) << content;
-        return target;
+        std::ofstream(file(name), std::ios::binary | std::ios::trunc) << content;
+        return file(name);
     }
-    // The whole content of a file below the directory; nullopt when unreadable.
+    // Nullopt when unreadable.
     std::optional<std::string> read(const std::string& name) const
     {
         std::ifstream in(file(name), std::ios::binary);
