@@ -7,12 +7,7 @@
 #include "tests/support/log_capture.hpp"
 #include "tests/tracking/monitor_harness.hpp"
 
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
-
-#if defined(__SANITIZE_THREAD__) // GIO's worker thread syncs in uninstrumented GLib
-extern "C" const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1"; }
-#endif
 
 namespace kw::test {
 namespace {
