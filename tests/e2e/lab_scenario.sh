@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Four cameras of one lab (scripts/lab) show, in one run: learning, fast
 # join, the package run state, a late link, a group change, a kill and its
-# single report, and kinwatchctl against a camera. Cameras 1 to 3 run with
-# --fast-join, camera 4 (started last) without. The lab script is run
+# single report, wall-clock steps, and kinwatchctl against a camera. Every
+# service runs as the unprivileged user kinwatch under the package's bus
+# policy; cameras 1 to 3 run with --fast-join, camera 4 (started last)
+# without; camera 1's wall clock can be stepped (libfaketime). The lab script is run
 # through bash, so neither the place of the checkout nor its permissions
 # matter.
 # Usage: lab_scenario.sh <scripts/lab> <kinwatch> <kinwatchctl>
@@ -57,7 +59,10 @@ check grep -q "must run as root" <<<"$out"
 
 trap 'lab down >/dev/null 2>&1' EXIT
 since=$(date +%s)
-lab up 4 --binary "$kinwatch" --fast-join=1,2,3 || exit 1
+lab up 4 --binary "$kinwatch" --fast-join=1,2,3 --user --fake-clock=1 || exit 1
+for pid in $(lab status | grep -oE 'kinwatch=[0-9]+' | cut -d= -f2); do
+  check test "$(awk '/^Uid:/ {print $2}' "/proc/$pid/status")" -ne 0
+done
 
 echo "--- kinwatchctl status and set"
 out=$(ctl 1 status)
@@ -133,7 +138,16 @@ check grep -qx 'group:       5' <<<"$(ctl 4 status)"
 check holds 4
 wait_for 30 eval 'holds 1 2 3 && holds 2 1 3' || fail "camera 4's LEAVE did not reach cameras 1 and 2"
 
-echo "--- a killed camera is reported once, by the lowest id"
+echo "--- camera 1's wall clock steps an hour ahead: it loses nobody"
+ahead=$(lab log 1 | wc -l)
+lab clock 1 +3600
+sleep 12 # two ticks: silence measured on the wall clock would lose both at the first
+check holds 1 2 3
+check equals "$(count_events 1 SiblingDisconnected)" 0
+
+echo "--- an hour behind, then a kill: reported once, by the lowest id, 60 to 65 s after it was last heard"
+behind=$(lab log 1 | wc -l)
+lab clock 1 -3600
 "$ctl_binary" --address "$(lab address 2)" watch >"$state/watch.out" 2>"$state/watch.err" &
 watch=$!
 wait_for 15 grep -qs "watching 2 known and 0 lost" "$state/watch.err" || fail "the watch did not begin"
@@ -154,6 +168,17 @@ check equals "$(cat "$state/watch.out")" "lost $(node 3)"
 out=$(ctl 3 status 2>&1)
 check test $? -eq 3
 check equals "$out" "kinwatchctl: the kinwatch service is not running on this bus"
+# Read off camera 1's own log: its lines between the two steps are an hour
+# ahead of the real time, those after the second an hour behind.
+heard_to_report() {
+  lab log 1 | awk -v ahead="$ahead" -v behind="$behind" -v id=$((0x020000000003)) '
+    function real(line) { match(line, /[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\.[0-9]+/); split(substr(line, RSTART, RLENGTH), f, ":")
+      return f[1] * 3600 + f[2] * 60 + f[3] + (NR <= ahead ? 0 : NR <= behind ? -3600 : 3600) }
+    $0 ~ "DEBUG: .*: ANNOUNCE: " id ", IPv4" { heard = real($0) }
+    /SiblingDisconnected: serialnumber=02:00:00:00:00:03/ { print (real($0) - heard + 86400) % 86400; exit }'
+}
+echo "camera 1 reported camera 3 $(heard_to_report) s after it last heard it"
+check awk -v s="$(heard_to_report)" 'BEGIN { exit !(s >= 60 && s <= 65.5) }'
 
 for n in 1 2 3 4; do
   check equals "$(lab log "$n" | grep -E 'Sanitizer|runtime error:|CRITICAL \*\*|ERROR \*\*')" ""
