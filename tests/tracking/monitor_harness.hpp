@@ -67,7 +67,6 @@ public:
     void advance_us(GTimeSpan us) { step_wall_us(us), m_monotonic += us; }
     void step_wall_us(GTimeSpan us) { m_wall = adopt(g_date_time_add(m_wall.get(), us)); }
 
-    // Into the receive queue, as a receiving thread pushes it.
     void inject(std::unique_ptr<peer_message> message) { m_monitor->get_receive_queue()->push(std::move(message)); }
     void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9")
     {
