@@ -49,7 +49,9 @@ TEST(settings, key_file_values_taken_and_refused)
         EXPECT_TRUE(warnings[0].starts_with("Failure: ") && warnings[0].find(expected) != std::string::npos) << warnings[0];
         EXPECT_EQ(warnings[1], "No such file or file is not a valid configuration");
     }
-    EXPECT_TRUE(settings::create(KW_EXAMPLE_CONFIG)) << "the example file that is shipped";
+    test::temp_dir dir; // a copy: a faulty record must not rewrite the shipped example
+    std::filesystem::copy_file(KW_EXAMPLE_CONFIG, dir.file("example.conf"));
+    EXPECT_TRUE(settings::create(dir.file("example.conf"))) << "the example file that is shipped";
 }
 
 TEST(settings, setters_and_the_rewritten_file)

@@ -26,11 +26,9 @@ TEST(event_library, a_producer_keeps_only_its_latest_64_sent_events)
         event_set_value(prepared.get(), "data", std::to_string(i).c_str());
         EXPECT_TRUE(event_producer_send_event(producer.get(), prepared.get(), 0));
     }
-    using values = std::vector<std::pair<std::string, std::string>>;
     auto sent = event_library_producers().at(0).sent;
     ASSERT_EQ(sent.size(), 64u);
-    EXPECT_EQ(sent.front().values, (values {{"data", "6"}}));
-    EXPECT_EQ(sent.back().values, (values {{"data", "69"}}));
+    EXPECT_EQ(sent.front().values.at(0).second + " " + sent.back().values.at(0).second, "6 69");
     producer.reset();
     EXPECT_TRUE(event_library_producers().empty());
 }

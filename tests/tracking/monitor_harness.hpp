@@ -58,7 +58,6 @@ public:
                                                   [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; }});
         return m_monitor.get();
     }
-    void destroy() { m_monitor.reset(); }
     monitor* engine() { return m_monitor.get(); }
     settings& config() { return *m_settings; }
     temp_dir& dir() { return m_dir; }
