@@ -26,10 +26,9 @@ std::string call(GDBusConnection* client, const char* interface, const char* met
         error_out error;
         g_ptr<GVariant> value = adopt(g_dbus_connection_call_sync(client, dbus_api::bus_name, dbus_api::object_path,
             interface, method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, error.out()));
-        if (const GError* e = error.get())
-            result = std::to_string(e->domain == kinwatch_error_quark() ? e->code : -1) + " " + e->message;
-        else
-            result = value ? take_string(g_variant_print(value.get(), FALSE)) : "(none)";
+        const GError* e = error.get();
+        result = e ? std::to_string(e->domain == kinwatch_error_quark() ? e->code : -1) + " " + e->message
+                   : take_string(g_variant_print(value.get(), FALSE));
         done = true;
         g_main_context_wakeup(nullptr);
     });

@@ -10,15 +10,14 @@ namespace {
 // them. What a sent event carries is checked through the monitor that sends it.
 TEST(sibling_events, declares_both_events_and_withdraws_them)
 {
-    const std::vector<std::string> tags {"onvif-data"};
-    auto keys = [&](const char* name, const char* nice_name) {
+    auto keys = [](const char* name, const char* nice_name) {
         return std::vector<event_key_record> {
             {"topic0", 4, "Velmora", "tnstavix", std::nullopt, std::nullopt, {}},
             {"topic1", 4, "Kinwatch", "tnstavix", std::nullopt, "Kinwatch", {}},
             {"topic2", 4, name, "tnstavix", std::nullopt, nice_name, {}},
-            {"serialnumber", 4, std::nullopt, std::nullopt, "Serial Number", std::nullopt, tags},
-            {"ipv4address", 4, std::nullopt, std::nullopt, "IPv4 Address", std::nullopt, tags},
-            {"ipv6address", 4, std::nullopt, std::nullopt, "IPv6 Address", std::nullopt, tags}};
+            {"serialnumber", 4, std::nullopt, std::nullopt, "Serial Number", std::nullopt, {"onvif-data"}},
+            {"ipv4address", 4, std::nullopt, std::nullopt, "IPv4 Address", std::nullopt, {"onvif-data"}},
+            {"ipv6address", 4, std::nullopt, std::nullopt, "IPv6 Address", std::nullopt, {"onvif-data"}}};
     };
     for (int start = 0; start < 2; ++start) {
         auto events = sibling_events::create();

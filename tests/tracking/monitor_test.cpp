@@ -103,10 +103,9 @@ TEST_F(monitor_test, the_lowest_live_node_reports_a_node_silent_for_sixty_second
         m_log.clear();
         camera cam({.id = c.own});
         monitor& engine = start(cam);
-        for (node_id id : c.silent)
-            cam.inject_announce(id);
-        for (node_id id : c.live)
-            cam.inject_announce(id);
+        for (const auto& ids : {c.silent, c.live})
+            for (node_id id : ids)
+                cam.inject_announce(id);
         engine.process_tick();
         cam.step_wall_us(c.wall_step);
         cam.advance_us(c.advance);
