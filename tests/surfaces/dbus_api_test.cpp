@@ -1,6 +1,5 @@
-// The bus object on a private dbus-daemon that carries the service's bus
-// policy, over a real monitor. The service runs on the default main context
-// of the test thread, which iterates it while a client thread calls.
+// The bus object over a real monitor, on a private dbus-daemon with the
+// service's bus policy. This thread serves while a client thread calls.
 
 #include "src/surfaces/dbus_api.hpp"
 #include "tests/support/dbus_daemon.hpp"
@@ -18,30 +17,18 @@ namespace {
 // Half an hour off a whole-hour offset: a formatted local time cannot pass for Unix seconds.
 [[maybe_unused]] const bool zone_is_set = [] { return setenv("TZ", "Asia/Kolkata", 1) == 0; }();
 
-// "<code> <bus error name>: <message>" for an error, the printed reply otherwise.
-std::string outcome(GVariant* value, const GError* error)
-{
-    if (!error)
-        return value ? take_string(g_variant_print(value, FALSE)) : "(none)";
-    std::string name = take_string(g_dbus_error_get_remote_error(error));
-    g_ptr<GError> copy(g_error_copy(error));
-    g_dbus_error_strip_remote_error(copy.get());
-    return std::to_string(copy->domain == kinwatch_error_quark() ? copy->code : -1) + " " + name + ": " + copy->message;
-}
-
-// A call from a client thread while this thread serves; the call's own
-// timeout bounds the wait.
+// The printed reply, or "<code> GDBus.Error:<bus error name>: <message>".
 std::string call(GDBusConnection* client, const char* interface, const char* method, GVariant* parameters = nullptr)
 {
-    bool driver = g_str_equal(interface, "org.freedesktop.DBus");
     std::atomic<bool> done = false;
     std::string result;
     std::thread caller([&] {
         error_out error;
-        g_ptr<GVariant> value = adopt(g_dbus_connection_call_sync(
-            client, driver ? interface : dbus_api::bus_name, driver ? "/org/freedesktop/DBus" : dbus_api::object_path,
+        g_ptr<GVariant> value = adopt(g_dbus_connection_call_sync(client, dbus_api::bus_name, dbus_api::object_path,
             interface, method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, error.out()));
-        result = outcome(value.get(), error.get());
+        const GError* e = error.get();
+        result = e ? std::to_string(e->domain == kinwatch_error_quark() ? e->code : -1) + " " + e->message
+                   : take_string(g_variant_print(value.get(), FALSE));
         done = true;
         g_main_context_wakeup(nullptr);
     });
@@ -57,13 +44,9 @@ TEST(dbus_api, writes_and_their_errors_reads_and_node_tuples)
     dbus_daemon bus;
     ASSERT_TRUE(bus.ok());
     g_ptr<GDBusConnection> client = bus.connect();
-    auto property = [&](const char* method, const char* name, GVariant* value = nullptr) {
-        return call(client.get(), "org.freedesktop.DBus.Properties", method,
-                    value ? g_variant_new("(ssv)", dbus_api::interface_name, name, value)
-                          : g_variant_new("(ss)", dbus_api::interface_name, name));
-    };
-    auto nodes = [&](const char* method) { return call(client.get(), dbus_api::interface_name, method); };
-
+    const char* properties = "org.freedesktop.DBus.Properties";
+    auto nodes = [&] { return call(client.get(), dbus_api::interface_name, "GetKnownNodes") +
+                              call(client.get(), dbus_api::interface_name, "GetLostNodes"); };
     netns_lab lab(1); // the monitor takes in announcements only with an interface
     ASSERT_TRUE(lab.ok());
     netns_enter inside(*lab.host(0).ns);
@@ -71,59 +54,52 @@ TEST(dbus_api, writes_and_their_errors_reads_and_node_tuples)
     ASSERT_TRUE(cam.create(lab.host(0).ns.get()));
     monitor& engine = *cam.engine();
     auto api = dbus_api::create(engine, false);
-    for (gint64 deadline = g_get_monotonic_time() + 10 * G_USEC_PER_SEC; g_get_monotonic_time() < deadline;)
-        if (call(client.get(), "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", dbus_api::bus_name)) ==
-            "(true,)")
+    for (gint64 end = g_get_monotonic_time() + 10 * G_USEC_PER_SEC; g_get_monotonic_time() < end;)
+        if (!nodes().starts_with("-1")) // the name is not owned yet
             break;
 
-    const std::string unmapped = "org.gtk.GDBus.UnmappedGError.Quark._Kinwatch_20error_20quark.Code";
-    for (const char* method : {"GetKnownNodes", "GetLostNodes"})
-        EXPECT_EQ(nodes(method), "2 " + unmapped + "2: Kinwatch is not enabled");
-    const std::string illegal = "5 " + unmapped + "5: Illegal multicast group supplied";
-    struct {
-        const char* property;
-        GVariant* value;
-        std::string error;
-        const char* line; // null: the file stays as it was
-    } const writes[] = {
+    const std::string unmapped = " GDBus.Error:org.gtk.GDBus.UnmappedGError.Quark._Kinwatch_20error_20quark.Code";
+    const std::string not_enabled = "2" + unmapped + "2: Kinwatch is not enabled";
+    EXPECT_EQ(nodes(), not_enabled + not_enabled);
+    const std::string illegal = "5" + unmapped + "5: Illegal multicast group supplied";
+    const std::string named = " GDBus.Error:com.tavix.Kinwatch.Error.";
+    const std::tuple<const char*, GVariant*, std::string, const char*> writes[] = {
+        // The file line a write leaves; null: the file stays as it was.
         {"IPv4MulticastGroup", g_variant_new_string("192.168.1.1"), illegal, nullptr},
         {"IPv6MulticastGroup", g_variant_new_string("239.1.2.3"), illegal, nullptr},
-        {"TTL", g_variant_new_byte(0), "3 com.tavix.Kinwatch.Error.TTL: TTL must be in the range [1..255]", nullptr},
-        {"Enabled", g_variant_new_boolean(TRUE), "0 com.tavix.Kinwatch.Error.Generic: Unable to enable the monitor",
-         "Enabled=true"},
-        {"Enabled", g_variant_new_boolean(FALSE), "", "Enabled=false"},
-        {"TTL", g_variant_new_byte(9), "", "TTL=9"},
-        {"Group", g_variant_new_uint32(4294967295u), "", "KinwatchGroup=-1"},
-        {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "", "MulticastGroupIPv4=239.1.2.3"},
-        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "", "MulticastGroupIPv6=ff02::1"},
-        {"Enabled", g_variant_new_boolean(TRUE), "", "Enabled=true"},
+        {"TTL", g_variant_new_byte(0), "3" + named + "TTL: TTL must be in the range [1..255]", nullptr},
+        {"Enabled", g_variant_new_boolean(TRUE), "0" + named + "Generic: Unable to enable the monitor", "Enabled=true"},
+        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false"},
+        {"TTL", g_variant_new_byte(9), "()", "TTL=9"},
+        {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1"},
+        {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3"},
+        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1"},
+        {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true"},
     };
-    for (const auto& w : writes) {
+    for (const auto& [name, value, reply, line] : writes) {
         const std::string before = cam.config_text();
-        EXPECT_EQ(property("Set", w.property, w.value), w.error.empty() ? "()" : w.error) << w.property;
+        EXPECT_EQ(call(client.get(), properties, "Set", g_variant_new("(ssv)", dbus_api::interface_name, name, value)),
+                  reply);
         std::string after = cam.config_text();
-        EXPECT_TRUE(w.line ? after.find("\n" + std::string(w.line) + "\n") != std::string::npos : after == before)
-            << w.property << "\n" << after;
+        EXPECT_TRUE(line ? after.find("\n" + std::string(line) + "\n") != std::string::npos : after == before)
+            << name << "\n" << after;
     }
-    // A Get reply prints the type of every value that is not a string or a boolean.
-    const std::pair<const char*, const char*> reads[] = {
-        {"IPv4MulticastGroup", "(<'239.1.2.3'>,)"}, {"IPv6MulticastGroup", "(<'ff02::1'>,)"},
-        {"Enabled", "(<true>,)"}, {"TTL", "(<byte 0x09>,)"}, {"Group", "(<uint32 4294967295>,)"}};
-    for (const auto& [name, printed] : reads)
-        EXPECT_EQ(property("Get", name), printed);
+    EXPECT_EQ(call(client.get(), properties, "GetAll", g_variant_new("(s)", dbus_api::interface_name)),
+              "({'IPv4MulticastGroup': <'239.1.2.3'>, 'IPv6MulticastGroup': <'ff02::1'>, 'Enabled': <true>, "
+              "'TTL': <byte 0x09>, 'Group': <uint32 4294967295>},)");
 
     ASSERT_TRUE(engine.is_running());
     cam.inject_announce(0x020000000009ULL, "10.77.0.9", "fd77::9"); // above our own id: we report its loss
     engine.process_tick();
-    cam.clock().advance_us(10 * G_TIME_SPAN_SECOND + G_TIME_SPAN_SECOND / 2);
+    cam.advance_us(10 * G_TIME_SPAN_SECOND + G_TIME_SPAN_SECOND / 2);
     cam.inject_announce(0x020000000009ULL, "10.77.0.10", "fd77::a"); // a refresh takes the new addresses
     engine.process_tick();
     // 2026-11-22 12:00 in Kolkata is 06:30 UTC; the half second of last seen is dropped.
     const std::string tuple = "[('02:00:00:00:00:09', '10.77.0.10', 'fd77::a', 1795329000, 1795329010)]";
-    EXPECT_EQ(nodes("GetKnownNodes") + nodes("GetLostNodes"), "(" + tuple + ",)([],)");
-    cam.clock().advance_us(61 * G_TIME_SPAN_SECOND);
+    EXPECT_EQ(nodes(), "(" + tuple + ",)([],)");
+    cam.advance_us(61 * G_TIME_SPAN_SECOND);
     engine.process_tick();
-    EXPECT_EQ(nodes("GetKnownNodes") + nodes("GetLostNodes"), "([],)(" + tuple + ",)");
+    EXPECT_EQ(nodes(), "([],)(" + tuple + ",)");
 }
 
 } // namespace

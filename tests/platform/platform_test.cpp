@@ -1,6 +1,6 @@
-#include "platform/qvsd_daemon.hpp"
-
+#include "platform/event_library.hpp"
 #include "platform/g_ptr.hpp"
+#include "platform/qvsd_daemon.hpp"
 #include "platform/unique_fd.hpp"
 
 #include <gtest/gtest.h>
@@ -13,6 +13,25 @@
 
 namespace kw {
 namespace {
+
+// Only the latest 64 sent events are kept, so that a service running for months does not grow.
+TEST(event_library, a_producer_keeps_only_its_latest_64_sent_events)
+{
+    g_ptr<event_producer> producer(event_producer_new("Producer"));
+    g_ptr<event_declaration> declaration(event_declaration_new(0));
+    event_declaration_add_key(declaration.get(), "data", EVENT_VALUE_TEXT);
+    event_declaration_id id = event_producer_declare(producer.get(), declaration.get());
+    for (int i = 0; i < 70; ++i) {
+        g_ptr<event> prepared(event_producer_prepare_event(producer.get(), id));
+        event_set_value(prepared.get(), "data", std::to_string(i).c_str());
+        EXPECT_TRUE(event_producer_send_event(producer.get(), prepared.get(), 0));
+    }
+    auto sent = event_library_producers().at(0).sent;
+    ASSERT_EQ(sent.size(), 64u);
+    EXPECT_EQ(sent.front().values.at(0).second + " " + sent.back().values.at(0).second, "6 69");
+    producer.reset();
+    EXPECT_TRUE(event_library_producers().empty());
+}
 
 // All in a child, so that a call that wrongly detached cannot end the test
 // process; the detached grandchild reports through a pipe.
@@ -33,8 +52,7 @@ TEST(qvsd_daemon, foreground_and_unknown_modes_stay_and_background_detaches)
         long nulls = 0;
         for (int fd = 0; fd <= 2; ++fd)
             nulls += ::fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && info.st_rdev == null_device.st_rdev;
-        const long report[] = {stays, result, ::getpid() != pid, ::getsid(0) != sid && ::getsid(0) != ::getpid(),
-                               nulls};
+        const long report[] = {stays, result, ::getpid() != pid, ::getsid(0) != sid && ::getsid(0) != ::getpid(), nulls};
         ::_exit(::write(reports.write_end.get(), report, sizeof report) == sizeof report ? 0 : 1);
     }
     reports.write_end.reset();
