@@ -5,6 +5,7 @@
 
 #include <glib.h>
 #include <glib/gstdio.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -12,32 +13,21 @@
 
 namespace {
 
-GLogWriterOutput discard(GLogLevelFlags, const GLogField*, gsize, gpointer)
+// One scratch file per process, on tmpfs: each input is written to it,
+// loaded, saved over it, loaded again and removed (libFuzzer ends the
+// process without running exit handlers).
+const std::string& scratch_path()
 {
-    return G_LOG_WRITER_HANDLED;
+    static const std::string path = [] {
+        g_log_set_writer_func([](GLogLevelFlags, const GLogField*, gsize, gpointer) { return G_LOG_WRITER_HANDLED; },
+                              nullptr, nullptr);
+        return "/dev/shm/kw-settings-fuzz-" + std::to_string(getpid()) + ".conf";
+    }();
+    return path;
 }
 
-// One file in a scratch folder, on tmpfs where there is one: each input is
-// written to it, loaded, saved over it and loaded again.
-struct scratch {
-    std::string dir;
-    std::string path;
-
-    scratch()
-    {
-        g_log_set_writer_func(discard, nullptr, nullptr);
-        std::string pattern = g_file_test("/dev/shm", G_FILE_TEST_IS_DIR) ? "/dev/shm" : g_get_tmp_dir();
-        pattern += "/kw-settings-fuzz.XXXXXX";
-        if (!g_mkdtemp(pattern.data()))
-            std::abort();
-        dir = pattern;
-        path = dir + "/kinwatch.conf";
-    }
-    ~scratch()
-    {
-        g_remove(path.c_str());
-        g_rmdir(dir.c_str());
-    }
+struct removed_at_end {
+    ~removed_at_end() { g_remove(scratch_path().c_str()); }
 };
 
 auto values(kw::settings& s)
@@ -54,16 +44,16 @@ auto values(kw::settings& s)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static scratch file;
-    if (!g_file_set_contents(file.path.c_str(), reinterpret_cast<const char*>(data), static_cast<gssize>(size),
-                             nullptr))
+    const std::string& path = scratch_path();
+    removed_at_end scratch;
+    if (!g_file_set_contents(path.c_str(), reinterpret_cast<const char*>(data), static_cast<gssize>(size), nullptr))
         std::abort();
-    auto loaded = kw::settings::create(file.path);
+    auto loaded = kw::settings::create(path);
     if (!loaded)
         return 0;
     if (!loaded->save())
         std::abort();
-    auto reloaded = kw::settings::create(file.path);
+    auto reloaded = kw::settings::create(path);
     if (!reloaded || values(*reloaded) != values(*loaded))
         std::abort();
     return 0;
