@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
 
 namespace kw {
@@ -160,9 +161,18 @@ TEST_F(monitor_interface_lab, receivers_queue_the_decoded_messages_of_their_grou
             sender->send(bytes.data(), bytes.size());
         expect_queued({wire(peer_message::leave_new(8, 8))});
     }
-    interface.reset(); // the receiving threads, idle in their wait, wake up to end
     EXPECT_EQ(m_queue->length(), 0);
     EXPECT_TRUE(m_log.warnings().empty());
+
+    // Idle receiving threads wake up to end; what the senders cannot send is told.
+    ASSERT_TRUE(host(0).must_exec("ip link set eth0 down"));
+    interface->send(peer_message::leave_new(9, 8));
+    interface.reset();
+    auto warnings = m_log.warnings();
+    std::sort(warnings.begin(), warnings.end());
+    const std::string failed = "Failed to deliver message, sent -1 bytes";
+    EXPECT_EQ(warnings, (std::vector<std::string> {failed, failed,
+                                                   std::string("Failed to leave multicast group: ") + g_strerror(ENODEV)}));
 }
 
 TEST(monitor_interface, a_chain_that_cannot_be_built_is_reported_and_spares_the_other_family)

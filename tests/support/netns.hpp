@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -140,14 +139,11 @@ private:
 
 struct lab_host {
     std::unique_ptr<netns> ns;
-    std::string ipv4; // "10.77.0.<n>"
-    std::string ipv6; // "fd77::<n>"
-    std::string mac;  // "02:00:00:00:00:<nn>"
 };
 
 // A bridge namespace ("br0", multicast snooping off so every group is
-// flooded) and hosts 1..N, each with an "eth0" on it carrying the addresses
-// above. Ready once every link really transmits.
+// flooded) and hosts 1..N, each with an "eth0" on it holding 10.77.0.<n>/24
+// and fd77::<n>/64. Ready once every link really transmits.
 class netns_lab {
 public:
     explicit netns_lab(int hosts) : m_bridge("br")
@@ -156,16 +152,13 @@ public:
             return;
         for (int i = 1; i <= hosts; ++i) {
             std::string n = std::to_string(i);
-            char mac[32];
-            std::snprintf(mac, sizeof mac, "02:00:00:00:00:%02x", i);
-            lab_host host {std::make_unique<netns>("h" + n), "10.77.0." + n, "fd77::" + n, mac};
+            lab_host host {std::make_unique<netns>("h" + n)};
             // Both ends are made in the bridge namespace, then the host end moves.
             if (!host.ns->ok() ||
                 !m_bridge.must_exec("ip link add vh" + n + " type veth peer name vb" + n + " && ip link set vb" + n +
                                     " master br0 up && ip link set vh" + n + " netns " + host.ns->name()) ||
-                !host.ns->must_exec("ip link set vh" + n + " name eth0 && ip link set eth0 address " + host.mac +
-                                    " && ip addr add " + host.ipv4 + "/24 dev eth0 && ip -6 addr add " + host.ipv6 +
-                                    "/64 dev eth0 nodad && ip link set eth0 up") ||
+                !host.ns->must_exec("ip link set vh" + n + " name eth0 && ip addr add 10.77.0." + n +
+                                    "/24 dev eth0 && ip -6 addr add fd77::" + n + "/64 dev eth0 nodad && ip link set eth0 up") ||
                 !host.ns->wait_until_up("eth0") || !m_bridge.wait_until_up("vb" + n))
                 return;
             m_hosts.push_back(std::move(host));
