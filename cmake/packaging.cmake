@@ -4,6 +4,7 @@
 # The unit is written for the package, which installs under /usr: it starts
 # /usr/sbin/kinwatch with /etc/kinwatch/kinwatch.conf.
 install(FILES ${PROJECT_SOURCE_DIR}/data/kinwatch.service DESTINATION lib/systemd/system)
+install(FILES ${PROJECT_SOURCE_DIR}/data/kinwatch.sysusers DESTINATION lib/sysusers.d RENAME kinwatch.conf)
 # The configuration lives under /etc whatever the prefix, where the unit and
 # the package expect it; DESTDIR still applies.
 install(FILES ${PROJECT_SOURCE_DIR}/data/kinwatch.conf DESTINATION /etc/kinwatch)

@@ -1,13 +1,19 @@
 #!/usr/bin/env bash
-# Builds Kinwatch and runs the whole test suite: once as a normal build, once
-# under AddressSanitizer and UndefinedBehaviorSanitizer, the threaded tests
-# under ThreadSanitizer, and the fuzz target for a bounded number of runs.
-# Network tests run in private network namespaces and need root.
+# Builds Kinwatch and runs the whole test suite: under AddressSanitizer and
+# UndefinedBehaviorSanitizer (the end-to-end lab scenario included), as a
+# normal build, the threaded tests under ThreadSanitizer, and the fuzz targets
+# for a bounded number of runs. Network tests run in private network
+# namespaces and need root.
+#
+# The lab scenario spends most of its time waiting for the siblings' 55-s
+# announcements, so it runs in the background while the other builds and
+# suites use the CPU.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
 kw_install_missing
 
+start=$SECONDS
 jobs=${KW_JOBS:-$(nproc)}
 out=${KW_BUILD_ROOT:-build/test}
 export CTEST_OUTPUT_ON_FAILURE=1
@@ -29,30 +35,42 @@ build() { # <dir> [--target <target>] <cmake args...>
 declare -a failed=()
 suite() { # <name> <dir> <ctest args...>
   local name=$1 dir=$2; shift 2
-  echo "=== $name"
+  echo "=== $name ($((SECONDS - start)) s)"
   if ! (cd "$dir" && ctest -j "$jobs" --timeout 300 "$@"); then
     failed+=("$name")
   fi
 }
 
-build "$out/plain" -DKW_BENCH=ON
-suite "tests" "$out/plain"
-
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export G_SLICE=always-malloc G_DEBUG=gc-friendly
 build "$out/asan" -DKW_SANITIZE=ON
-suite "tests under ASan+UBSan" "$out/asan"
+e2e_log=$out/e2e.log
+(cd "$out/asan" && ctest --timeout 600 -L e2e) >"$e2e_log" 2>&1 &
+e2e_pid=$!
+suite "tests under ASan+UBSan" "$out/asan" -LE e2e
+unset ASAN_OPTIONS UBSAN_OPTIONS G_SLICE G_DEBUG
+
+build "$out/plain" -DKW_BENCH=ON
+suite "tests" "$out/plain" -LE e2e
 
 # GLib and GIO are not instrumented: their own futex locks are invisible to
 # TSan, so only races in our code are reported.
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1
 build "$out/tsan" -DKW_TSAN=ON
 suite "threaded tests under TSan" "$out/tsan" -L threaded
+unset TSAN_OPTIONS
 
-CC=clang CXX=clang++ build "$out/fuzz" --target peer_message_fuzz -DKW_FUZZ=ON
+CC=clang CXX=clang++ build "$out/fuzz" --target fuzz_targets -DKW_FUZZ=ON
 suite "fuzz" "$out/fuzz" -L fuzz
 
+echo "=== end-to-end lab scenario under ASan+UBSan ($((SECONDS - start)) s)"
+e2e_status=0
+wait "$e2e_pid" || e2e_status=$?
+cat "$e2e_log"
+((e2e_status == 0)) || failed+=("end-to-end under ASan+UBSan")
+
+echo "=== done in $((SECONDS - start)) s"
 if ((${#failed[@]})); then
   echo "FAILED: ${failed[*]}"
   exit 1

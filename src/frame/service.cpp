@@ -58,6 +58,10 @@ int service::run(int argc, char** argv)
 {
     if (!parse_command_line(&argc, &argv))
         return 1;
+    // The background process works in "/", so a relative path given on the
+    // command line must be resolved here, where the caller's directory still
+    // applies; every later load and save then uses the same file.
+    m_config_file = adopt(g_canonicalize_filename(m_config_file.get(), nullptr));
 
     // Still attached to the caller here, so a failure shows where it was started.
     if (!package().create_top_directory()) {

@@ -7,171 +7,89 @@
 namespace kw {
 namespace {
 
-const char* const FULL = "[Settings]\n"
-                         "TTL=3\n"
-                         "Enabled=true\n"
-                         "MulticastGroupIPv4=239.255.77.1\n"
-                         "MulticastGroupIPv6=ff05::77\n"
-                         "MulticastPort=21844\n"
-                         "Interface=eth0\n"
-                         "KinwatchGroup=7\n"
-                         "MaxHosts=256\n";
+const std::string FULL = "[Settings]\nTTL=3\nEnabled=true\nMulticastGroupIPv4=239.255.77.1\nMulticastGroupIPv6=ff05::77\n"
+                         "MulticastPort=21844\nInterface=eth0\nKinwatchGroup=7\nMaxHosts=256\n";
 
-// The text with one key's value replaced, or the key dropped when value is null.
-std::string with_key(const std::string& key, const char* value, std::string text = FULL)
+// FULL with one key's value replaced, or the key dropped when value is null.
+std::string with_key(const std::string& key, const char* value)
 {
+    std::string text = FULL;
     std::size_t start = text.find("\n" + key + "=") + 1;
-    std::size_t end = text.find('\n', start) + 1;
-    text.erase(start, end - start);
-    if (value)
-        text.insert(start, key + "=" + value + "\n");
-    return text;
+    text.erase(start, text.find('\n', start) + 1 - start);
+    return text.insert(start, value ? key + "=" + value + "\n" : "");
 }
 
-std::string text_of(settings& record, bool (settings::*getter)(std::string&))
+// Every value the record holds, in the order of the file.
+std::string summary(settings& record)
 {
-    std::string out = "untouched";
-    EXPECT_TRUE((record.*getter)(out));
-    return out;
+    std::string ipv4, ipv6, interface;
+    EXPECT_TRUE(record.get_ipv4_group(ipv4) && record.get_ipv6_group(ipv6) && record.get_interface(interface));
+    return std::to_string(record.get_ttl()) + (record.get_enabled() ? " on " : " off ") + ipv4 + " " + ipv6 + " " +
+           std::to_string(record.get_port()) + " [" + interface + "] " + std::to_string(record.get_group()) + " " +
+           std::to_string(record.get_max_hosts());
 }
 
-TEST(settings, saves_exactly_the_eight_keys_in_their_fixed_order_and_reads_them_back)
+TEST(settings, key_file_values_taken_and_refused)
 {
-    test::temp_dir dir;
-    // Keys out of order, so the save order cannot come from the file.
-    std::string path = dir.write("kinwatch.conf", "[Settings]\nMaxHosts=256\nInterface=eth0\nKinwatchGroup=7\n"
-                                                  "MulticastPort=21844\nMulticastGroupIPv6=ff05::77\n"
-                                                  "MulticastGroupIPv4=239.255.77.1\nEnabled=true\nTTL=3\n");
-    {
-        auto record = settings::create(path);
-        ASSERT_TRUE(record);
-        EXPECT_EQ(record->get_ttl(), 3);
-        EXPECT_TRUE(record->get_enabled());
-        EXPECT_EQ(text_of(*record, &settings::get_ipv4_group), "239.255.77.1");
-        EXPECT_EQ(text_of(*record, &settings::get_ipv6_group), "ff05::77");
-        EXPECT_EQ(record->get_port(), 21844);
-        EXPECT_EQ(text_of(*record, &settings::get_interface), "eth0");
-        EXPECT_EQ(record->get_group(), 7u);
-        EXPECT_EQ(record->get_max_hosts(), 256);
-        ASSERT_TRUE(record->save());
+    const std::tuple<const char*, const char*, std::string> rows[] = {
+        {"MulticastPort", "70000", "3 on 239.255.77.1 ff05::77 4464 [eth0] 7 256"},
+        {"MulticastPort", "-1", "3 on 239.255.77.1 ff05::77 65535 [eth0] 7 256"},
+        {"MulticastPort", "0", "3 on 239.255.77.1 ff05::77 0 [eth0] 7 256"},
+        {"TTL", "0", "0 on 239.255.77.1 ff05::77 21844 [eth0] 7 256"},
+        {"KinwatchGroup", "-1", "3 on 239.255.77.1 ff05::77 21844 [eth0] 4294967295 256"},
+        {"Interface", "", "3 on 239.255.77.1 ff05::77 21844 [] 7 256"},
+        {"MaxHosts", nullptr, "MaxHosts"}, {"Enabled", "yes", "Enabled"}, {"TTL", "x", "TTL"},
+        {"KinwatchGroup", "7.5", "KinwatchGroup"},
+    };
+    for (const auto& [key, value, expected] : rows) {
+        SCOPED_TRACE(std::string(key) + "=" + (value ? value : "(none)"));
+        test::temp_dir dir;
+        test::log_capture log;
+        auto record = settings::create(dir.write("kinwatch.conf", with_key(key, value)));
+        if (record) {
+            EXPECT_EQ(summary(*record), expected);
+            continue;
+        }
+        auto warnings = log.warnings();
+        ASSERT_EQ(warnings.size(), 2u);
+        EXPECT_TRUE(warnings[0].rfind("Failure: ", 0) == 0 && warnings[0].find(expected) != std::string::npos)
+            << warnings[0];
+        EXPECT_EQ(warnings[1], "No such file or file is not a valid configuration");
     }
+    EXPECT_TRUE(settings::create(KW_EXAMPLE_CONFIG)) << "the example file that is shipped";
+}
+
+TEST(settings, setters_and_the_rewritten_file)
+{
+    const std::string by_hand = "# by hand\n[Settings]\nMaxHosts=256\nInterface=eth0\nKinwatchGroup=7\nMulticastPort=21844\n"
+                                "MulticastGroupIPv6=ff05::77\nMulticastGroupIPv4=239.255.77.1\nEnabled=true\nTTL=3\n"
+                                "Other=1\n[Extra]\nKey=value\n";
+    test::temp_dir dir;
+    std::string path = dir.write("kinwatch.conf", by_hand);
+    test::log_capture log;
+    settings::create(path)->set_ttl(0); // refused: the file stays untouched
+    EXPECT_EQ(dir.read("kinwatch.conf"), by_hand);
+    settings::create(path)->set_enabled(true); // the value held already is still a change
     EXPECT_EQ(dir.read("kinwatch.conf"), FULL);
 
-    {
-        auto record = settings::create(path);
-        ASSERT_TRUE(record);
-        EXPECT_TRUE(record->set_ttl(200) && record->set_enabled(false) && record->set_ipv4_group("239.1.2.3") &&
-                    record->set_ipv6_group("ff02::1:2") && record->set_port(65535) &&
-                    record->set_interface("br-lan") && record->set_group(123456) && record->set_max_hosts(9));
-    }
-    EXPECT_EQ(dir.read("kinwatch.conf"), "[Settings]\nTTL=200\nEnabled=false\nMulticastGroupIPv4=239.1.2.3\n"
-                                         "MulticastGroupIPv6=ff02::1:2\nMulticastPort=65535\nInterface=br-lan\n"
-                                         "KinwatchGroup=123456\nMaxHosts=9\n");
-}
-
-TEST(settings, port_and_group_numbers_wrap_as_the_file_stores_them)
-{
-    test::temp_dir dir;
-    for (const auto& [value, port] : {std::pair<const char*, std::uint16_t> {"70000", 4464}, {"-1", 65535}}) {
-        auto record = settings::create(dir.write("kinwatch.conf", with_key("MulticastPort", value)));
-        ASSERT_TRUE(record) << value;
-        EXPECT_EQ(record->get_port(), port) << value;
-    }
-
-    auto record = settings::create(dir.write("kinwatch.conf", FULL));
-    ASSERT_TRUE(record);
-    EXPECT_TRUE(record->set_group(4294967295u));
-    record.reset();
-    EXPECT_EQ(dir.read("kinwatch.conf"), with_key("KinwatchGroup", "-1"));
-    record = settings::create(dir.file("kinwatch.conf"));
-    ASSERT_TRUE(record);
-    EXPECT_EQ(record->get_group(), 4294967295u);
-}
-
-TEST(settings, refused_setters_log_their_text_and_change_nothing)
-{
-    test::temp_dir dir;
-    auto record = settings::create(dir.write("kinwatch.conf", FULL));
-    ASSERT_TRUE(record);
-    test::log_capture log;
-
-    EXPECT_FALSE(record->set_ttl(0));
+    auto record = settings::create(path);
     EXPECT_FALSE(record->set_ttl(256));
     EXPECT_FALSE(record->set_port(0));
     EXPECT_FALSE(record->set_max_hosts(0));
-    EXPECT_EQ(log.warnings(), (std::vector<std::string> {
-                                  "TTL must be in the range 0 < ttl < 256",
-                                  "TTL must be in the range 0 < ttl < 256",
-                                  "Port number must be greater than zero",
-                                  "The maximum number of hosts must be larger than 0",
-                              }));
-    EXPECT_EQ(record->get_ttl(), 3);
-    EXPECT_EQ(record->get_port(), 21844);
-    EXPECT_EQ(record->get_max_hosts(), 256);
-    EXPECT_FALSE(record->changed());
-
-    for (int ttl : {1, 255}) {
-        EXPECT_TRUE(record->set_ttl(ttl));
-        EXPECT_EQ(record->get_ttl(), ttl);
-    }
-    EXPECT_EQ(log.warnings().size(), 4u);
-}
-
-TEST(settings, invalid_files_are_refused_with_the_first_failing_key)
-{
-    const std::pair<std::string, const char*> rows[] = {
-        {with_key("MaxHosts", nullptr), "MaxHosts"},
-        {with_key("Enabled", "yes"), "Enabled"},
-    };
-    for (const auto& [content, key] : rows) {
-        SCOPED_TRACE(key);
-        test::temp_dir dir;
-        test::log_capture log;
-        EXPECT_FALSE(settings::create(dir.write("kinwatch.conf", content)));
-        auto warnings = log.warnings();
-        ASSERT_EQ(warnings.size(), 2u);
-        EXPECT_EQ(warnings[0].rfind("Failure: ", 0), 0u) << warnings[0];
-        EXPECT_NE(warnings[0].find(key), std::string::npos) << warnings[0];
-        EXPECT_EQ(warnings[1], "No such file or file is not a valid configuration");
-    }
-}
-
-TEST(settings, release_rewrites_the_file_only_after_a_change)
-{
-    const std::string decorated = "# Written by hand.\n[Settings]\n# The hop limit.\n"
-                                  "TTL=3\nEnabled=true\nMulticastGroupIPv4=239.255.77.1\n"
-                                  "MulticastGroupIPv6=ff05::77\nMulticastPort=21844\nInterface=eth0\n"
-                                  "KinwatchGroup=7\nMaxHosts=256\nComment=kept until the first change\n"
-                                  "\n[Extra]\nKey=value\n";
-    test::temp_dir dir;
-    std::string path = dir.write("kinwatch.conf", decorated);
-    settings::create(path).reset();
-    EXPECT_EQ(dir.read("kinwatch.conf"), decorated);
-
-    // Setting the value already held still counts as a change.
-    auto record = settings::create(path);
-    ASSERT_TRUE(record);
-    EXPECT_TRUE(record->set_enabled(true));
-    record.reset();
-    EXPECT_EQ(dir.read("kinwatch.conf"), FULL);
-
-    // Release writes again after an explicit save.
-    record = settings::create(path);
-    ASSERT_TRUE(record);
-    EXPECT_TRUE(record->set_ttl(9));
+    const std::string ttl = "TTL must be in the range 0 < ttl < 256";
+    EXPECT_EQ(log.warnings(), (std::vector<std::string> {ttl, ttl, "Port number must be greater than zero",
+                                                         "The maximum number of hosts must be larger than 0"}));
+    EXPECT_EQ(summary(*record), "3 on 239.255.77.1 ff05::77 21844 [eth0] 7 256");
+    EXPECT_TRUE(record->set_ttl(1) && record->set_ttl(255) && record->set_enabled(false) &&
+                record->set_ipv4_group("239.1.2.3") && record->set_ipv6_group("ff02::1") && record->set_port(1) &&
+                record->set_interface("br0") && record->set_group(4294967295u) && record->set_max_hosts(9));
     EXPECT_TRUE(record->save());
-    dir.write("kinwatch.conf", "overwritten meanwhile\n");
+    dir.write("kinwatch.conf", "overwritten since\n"); // the release writes once more
     record.reset();
-    EXPECT_EQ(dir.read("kinwatch.conf"), with_key("TTL", "9"));
-}
-
-TEST(settings, shipped_example_loads)
-{
-    test::log_capture log;
-    auto record = settings::create(KW_EXAMPLE_CONFIG);
-    ASSERT_TRUE(record);
-    EXPECT_FALSE(record->get_enabled());
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(dir.read("kinwatch.conf"), "[Settings]\nTTL=255\nEnabled=false\nMulticastGroupIPv4=239.1.2.3\n"
+                                         "MulticastGroupIPv6=ff02::1\nMulticastPort=1\nInterface=br0\n"
+                                         "KinwatchGroup=-1\nMaxHosts=9\n");
+    EXPECT_EQ(summary(*settings::create(path)), "255 off 239.1.2.3 ff02::1 1 [br0] 4294967295 9");
 }
 
 } // namespace

@@ -1,3 +1,6 @@
+// The built service in a private mount and network namespace: empty
+// /usr/local and /run, the namespace's own /sys, loopback as its interface.
+
 #include "platform/g_ptr.hpp"
 #include "tests/support/netns.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -6,25 +9,22 @@
 
 #include <csignal>
 #include <filesystem>
-#include <thread>
-#include <vector>
+#include <fstream>
 
 namespace kw {
 namespace {
 
-// Every run happens in a private mount and network namespace with an empty
-// tmpfs over /usr/local and /run and the namespace's own sysfs, so the
-// machine's own package directory, interfaces and system bus are never
-// touched. The configured interface is the namespace's loopback.
-const char* const PRIVATE_USR_LOCAL = "ulimit -c 0; mount -t tmpfs kwtest /usr/local || exit 99; "
-                                      "mount -t sysfs kwtest /sys || exit 99; "
-                                      "mount -t tmpfs kwtest /run || exit 99; unset DBUS_SYSTEM_BUS_ADDRESS; ";
+const char* const PRIVATE = "ulimit -c 0; mount -t tmpfs kw /usr/local && mount -t sysfs kw /sys && "
+                            "mount -t tmpfs kw /run || exit 99; unset DBUS_SYSTEM_BUS_ADDRESS; ";
+const std::string STATE = "/usr/local/packages/kinwatch/is_running";
+const std::string RUNNING = "mkdir -p /usr/local/packages/kinwatch; echo Running >" + STATE + "; ";
 
-struct outcome {
-    int status = -1; // 128 + signal when the service was killed
-    bool top_directory_created = false;
-    std::string errors;
-};
+std::string settings(const char* ttl, const char* enabled)
+{
+    return std::string("[Settings]\nTTL=") + ttl + "\nEnabled=" + enabled +
+           "\nMulticastGroupIPv4=239.255.77.1\nMulticastGroupIPv6=ff05::77\nMulticastPort=21844\n"
+           "Interface=lo\nKinwatchGroup=1\nMaxHosts=256\n";
+}
 
 g_ptr<GSubprocess> spawn(const std::string& script, const std::vector<std::string>& args)
 {
@@ -32,160 +32,84 @@ g_ptr<GSubprocess> spawn(const std::string& script, const std::vector<std::strin
     for (const auto& arg : args)
         argv.push_back(arg.c_str());
     argv.push_back(nullptr);
-    error_out error;
-    auto process = adopt(g_subprocess_newv(argv.data(),
-                                           static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE |
-                                                                         G_SUBPROCESS_FLAGS_STDERR_PIPE),
-                                           error.out()));
-    EXPECT_TRUE(process) << error.message();
-    return process;
+    auto flags = static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE);
+    return adopt(g_subprocess_newv(argv.data(), flags, nullptr));
 }
 
-void communicate(GSubprocess* process, std::string& out, std::string& err)
-{
-    char* raw_out = nullptr;
-    char* raw_err = nullptr;
-    error_out error;
-    EXPECT_TRUE(g_subprocess_communicate_utf8(process, nullptr, nullptr, &raw_out, &raw_err, error.out()))
-        << error.message();
-    out = take_string(raw_out);
-    err = take_string(raw_err);
-}
-
-outcome run_kinwatch(const std::vector<std::string>& args)
-{
-    outcome result;
-    auto process = spawn(std::string(PRIVATE_USR_LOCAL) + "\"$@\"; status=$?; "
-                                                          "if [ -d /usr/local/packages ]; then echo created; fi; "
-                                                          "echo status=$status",
-                         args);
-    if (!process)
-        return result;
-    std::string out;
-    communicate(process.get(), out, result.errors);
-    result.top_directory_created = out.find("created\n") != std::string::npos;
-    auto at = out.find("status=");
-    if (at != std::string::npos)
-        result.status = std::stoi(out.substr(at + 7));
-    return result;
-}
-
-// The warning lines of the service's standard error, in order.
-std::vector<std::string> warnings_of(const std::string& errors)
-{
-    std::vector<std::string> lines;
-    const std::string marker = "WARNING **: ";
-    for (std::size_t at = errors.find(marker); at != std::string::npos; at = errors.find(marker, at + 1)) {
-        // GLib puts a time stamp between the level and the message.
-        std::size_t start = errors.find(": ", at + marker.size());
-        std::size_t end = errors.find('\n', at);
-        lines.push_back(errors.substr(start + 2, end - start - 2));
-    }
-    return lines;
-}
-
-const char* const VALID = "[Settings]\nTTL=1\nEnabled=false\nMulticastGroupIPv4=239.255.77.1\n"
-                          "MulticastGroupIPv6=ff05::77\nMulticastPort=21844\nInterface=lo\n"
-                          "KinwatchGroup=1\nMaxHosts=256\n";
-
-TEST(kinwatch, without_a_configuration_file_prints_the_help_and_creates_nothing)
-{
-    KW_REQUIRE_ROOT();
-    const std::vector<std::vector<std::string>> command_lines = {{"-n"}, {}, {"-i", "camera"}};
-    for (const auto& args : command_lines) {
-        SCOPED_TRACE(testing::PrintToString(args));
-        outcome result = run_kinwatch(args);
-        EXPECT_EQ(result.status, 1);
-        EXPECT_FALSE(result.top_directory_created);
-        for (const char* text : {"Usage:", " Kinwatch\n", "-n, --no-daemon", "Do not run in background",
-                                 "-c, --config_file", "Specify configuration file, -c <filename>", "-i, --ident",
-                                 "The name of the process, -i <ident>"})
-            EXPECT_NE(result.errors.find(text), std::string::npos) << text << " in:\n" << result.errors;
-    }
-}
-
-TEST(kinwatch, unreadable_configuration_ends_with_status_1)
+TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
 {
     KW_REQUIRE_ROOT();
     test::temp_dir dir;
-    const std::pair<std::string, const char*> files[] = {
-        {"/nonexistent/kinwatch.conf", nullptr},
-        {dir.write("no-max-hosts.conf", std::string(VALID).substr(0, std::string(VALID).find("MaxHosts"))),
-         "MaxHosts"},
+    std::string bad_ttl = dir.write("bad_ttl.conf", "# dropped\n" + settings("0", "true"));
+    const int fatal = -1;
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        bool top_directory; // made before anything but the command line
+        std::vector<const char*> texts;
+    } rows[] = {
+        {{"-n"}, 1, false, {"Usage:", " Kinwatch\n", "-n, --no-daemon", "Do not run in background", "-c, --config_file",
+                            "Specify configuration file, -c <filename>", "-i, --ident", "The name of the process, -i <ident>"}},
+        {{"-n", "--bogus"}, fatal, false, {"Unknown option --bogus"}},
+        {{"-n", "-c"}, fatal, false, {"Missing argument for -c"}},
+        {{"-n", "-c", dir.file("missing.conf")}, 1, true, {"WARNING **: ", ": Failed to read configuration\n"}},
+        {{"-n", "-c", bad_ttl}, 1, true, {": Failed to set up monitor\n"}},
     };
-    for (const auto& [path, named] : files) {
-        SCOPED_TRACE(path);
-        outcome result = run_kinwatch({"-n", "-c", path});
-        EXPECT_EQ(result.status, 1);
-        EXPECT_TRUE(result.top_directory_created);
-        auto warnings = warnings_of(result.errors);
-        ASSERT_EQ(warnings.size(), 3u) << result.errors;
-        EXPECT_EQ(warnings[0].rfind("Failure: ", 0), 0u) << warnings[0];
-        if (named) {
-            EXPECT_NE(warnings[0].find(named), std::string::npos) << warnings[0];
-        }
-        EXPECT_EQ(warnings[1], "No such file or file is not a valid configuration");
-        EXPECT_EQ(warnings[2], "Failed to read configuration");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.args));
+        bool with_file = row.args.size() == 3 && row.args[2] == bad_ttl;
+        auto process = spawn(std::string(PRIVATE) + (with_file ? RUNNING : std::string()) +
+                                 "\"$@\"; status=$?; [ -d /usr/local/packages ] && echo made; echo $status",
+                             row.args);
+        char *out = nullptr, *err = nullptr;
+        ASSERT_TRUE(process && g_subprocess_communicate_utf8(process.get(), nullptr, nullptr, &out, &err, nullptr));
+        std::string output = take_string(out), errors = take_string(err);
+        int status = std::atoi(output.substr(output.find_last_of('\n', output.size() - 2) + 1).c_str());
+        // A fatal log ends the process with a breakpoint trap or an abort.
+        if (row.status == fatal)
+            EXPECT_TRUE(status == 128 + SIGTRAP || status == 128 + SIGABRT) << status << errors;
+        else
+            EXPECT_EQ(status, row.status) << errors;
+        EXPECT_TRUE(with_file || (output.find("made\n") != std::string::npos) == row.top_directory);
+        for (const char* text : row.texts)
+            EXPECT_NE(errors.find(text), std::string::npos) << text << " in:\n" << errors;
     }
+    // The failed start leaves the monitor disabled, in a rewritten file.
+    EXPECT_EQ(dir.read("bad_ttl.conf"), settings("0", "false"));
 }
 
-TEST(kinwatch, malformed_command_line_is_fatal_before_creating_anything)
-{
-    KW_REQUIRE_ROOT();
-    const std::pair<std::vector<std::string>, const char*> rows[] = {
-        {{"-n", "--bogus"}, "Unknown option --bogus"},
-        {{"-n", "-c"}, "Missing argument for -c"},
-    };
-    for (const auto& [args, message] : rows) {
-        SCOPED_TRACE(message);
-        outcome result = run_kinwatch(args);
-        // GLib ends a fatal error with a breakpoint trap; an abort would do as well.
-        EXPECT_TRUE(result.status == 128 + SIGTRAP || result.status == 128 + SIGABRT)
-            << result.status << "\n" << result.errors;
-        EXPECT_FALSE(result.top_directory_created);
-        EXPECT_NE(result.errors.find(message), std::string::npos) << result.errors;
-    }
-}
-
-// GLib's main context wakes its loop through an eventfd.
-bool has_event_fd(const std::string& proc)
-{
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd", ignored))
-        if (std::filesystem::read_symlink(entry.path(), ignored).string() == "anon_inode:[eventfd]")
-            return true;
-    return false;
-}
-
-TEST(kinwatch, runs_in_the_foreground_until_terminated_without_rewriting_its_file)
+// Started with the package stopped: once both directories are watched, only
+// the running main loop can start the monitor, whose start rewrites the file.
+// A signal ends the service with no teardown, so the file stays as it is.
+TEST(kinwatch, runs_its_main_loop_until_terminated)
 {
     KW_REQUIRE_ROOT();
     test::temp_dir dir;
-    std::string config = dir.write("kinwatch.conf", std::string("# kept\n") + VALID);
-    auto process = spawn(std::string(PRIVATE_USR_LOCAL) + "exec \"$@\"", {"-n", "-c", config});
+    std::string config = dir.write("kinwatch.conf", "# dropped\n" + settings("1", "true") + "Extra=1\n");
+    auto process = spawn(std::string(PRIVATE) + RUNNING + "echo Stopped >" + STATE + "; exec \"$@\"", {"-n", "-c", config});
     ASSERT_TRUE(process);
     std::string proc = std::string("/proc/") + g_subprocess_get_identifier(process.get());
-
-    // Ready once the service itself runs (same process: no fork in the
-    // foreground) with its top directory made and its main loop's wake-up
-    // descriptor open.
-    bool ready = false;
-    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-         !ready && std::chrono::steady_clock::now() < end;
-         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-        char* comm = nullptr;
-        g_file_get_contents((proc + "/comm").c_str(), &comm, nullptr, nullptr);
-        ready = take_string(comm) == "kinwatch\n" &&
-                g_file_test((proc + "/root/usr/local/packages").c_str(), G_FILE_TEST_IS_DIR) && has_event_fd(proc);
-    }
+    auto watches = [&] {
+        std::error_code ignored;
+        int count = 0;
+        for (const auto& fd : std::filesystem::directory_iterator(proc + "/fdinfo", ignored)) {
+            std::ifstream in(fd.path());
+            for (std::string line; std::getline(in, line);)
+                count += line.rfind("inotify wd:", 0) == 0;
+        }
+        return count;
+    };
+    for (int tries = 0; tries < 1000 && watches() < 2; ++tries)
+        g_usleep(10'000);
+    std::ofstream(proc + "/root" + STATE) << "Running\n";
+    for (int tries = 0; tries < 1000 && dir.read("kinwatch.conf") != settings("1", "true"); ++tries)
+        g_usleep(10'000);
     g_subprocess_send_signal(process.get(), SIGTERM);
-    std::string out, err;
-    communicate(process.get(), out, err);
-    EXPECT_TRUE(ready);
-    EXPECT_TRUE(g_subprocess_get_if_signaled(process.get()));
-    EXPECT_EQ(g_subprocess_get_term_sig(process.get()), SIGTERM);
-    EXPECT_EQ(err, "");
-    EXPECT_EQ(dir.read("kinwatch.conf"), std::string("# kept\n") + VALID);
+    char* err = nullptr;
+    ASSERT_TRUE(g_subprocess_communicate_utf8(process.get(), nullptr, nullptr, nullptr, &err, nullptr));
+    EXPECT_EQ(take_string(err), "");
+    EXPECT_TRUE(g_subprocess_get_if_signaled(process.get()) && g_subprocess_get_term_sig(process.get()) == SIGTERM);
+    EXPECT_EQ(dir.read("kinwatch.conf"), settings("1", "true"));
 }
 
 } // namespace

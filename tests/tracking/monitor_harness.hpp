@@ -4,13 +4,10 @@
 // file, package directory and sysfs tree in a temporary directory, a clock
 // the test moves by hand, and the namespace its sockets and threads live in.
 
-#include "platform/event_library.hpp"
 #include "src/config/settings.hpp"
 #include "src/tracking/monitor.hpp"
 #include "tests/support/netns.hpp"
 #include "tests/support/temp_dir.hpp"
-
-#include <arpa/inet.h>
 
 #include <memory>
 #include <string>
@@ -22,7 +19,7 @@ inline constexpr const char* lab_ipv6_group = "ff05::77";
 inline constexpr int lab_port = 21844;
 inline constexpr std::uint32_t lab_group = 7;
 
-// A clock that stands still until the test moves it.
+// A clock that stands still at 2026-11-22 12:00 local time until the test moves it.
 class manual_clock {
 public:
     manual_clock() : m_now(adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0))) {}
@@ -50,8 +47,8 @@ class camera {
 public:
     explicit camera(camera_options options = {});
 
-    // Creates the monitor inside the namespace, so that its chains and
-    // their threads live there. Null when the monitor refuses to come up.
+    // Creates the monitor inside the namespace (if any), so that its chains
+    // and their threads live there. Null when the monitor refuses to come up.
     monitor* create(const netns* ns);
     void destroy() { m_monitor.reset(); }
 
@@ -60,10 +57,9 @@ public:
     manual_clock& clock() { return m_clock; }
     temp_dir& dir() { return m_dir; }
     std::string config_text() const { return m_dir.read("kinwatch.conf").value_or(""); }
-    void set_running(bool running);
 
     // Pushes a message into the receive queue as a receiver thread would.
-    void inject(std::unique_ptr<peer_message> message);
+    void inject(std::unique_ptr<peer_message> message) { m_monitor->get_receive_queue()->push(std::move(message)); }
     void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9");
 
 private:
@@ -75,8 +71,5 @@ private:
 };
 
 std::string settings_text(const camera_options& options);
-
-// Events sent by every live producer since the library's record began.
-std::size_t count_sent(const std::string& event_name);
 
 } // namespace kw::test

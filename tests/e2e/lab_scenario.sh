@@ -1,0 +1,150 @@
+#!/usr/bin/env bash
+# Four cameras of one lab (scripts/lab) show, in one run: learning, the
+# package run state, a group change, a kill and its single report, and
+# kinwatchctl against a camera. The lab script is run through bash, so
+# neither the place of the checkout nor its permissions matter.
+# Usage: lab_scenario.sh <scripts/lab> <kinwatch> <kinwatchctl>
+set -uo pipefail
+script=$(realpath "$1") kinwatch=$2 ctl_binary=$3
+name=kwe2e$$
+state=/tmp/kinwatch-lab-$name
+failures=0
+[[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
+
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+check() { "$@" || fail "$*"; } # <command...>
+lab() { bash "$script" --name "$name" "$@"; }
+ctl() { local n=$1; shift; "$ctl_binary" --address "$(lab address "$n")" "$@"; }
+mac() { printf '02:00:00:00:00:%02x' "$1"; }
+node() { echo "$(mac "$1") 10.78.0.$1 fd78::$1"; }
+# Polls every second until the command succeeds, for at most <seconds>.
+wait_for() { # <seconds> <command...>
+  local end=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    ((SECONDS < end)) || return 1
+    sleep 1
+  done
+}
+# Whether camera A's known (--lost: lost) list holds exactly the cameras
+# named; a failed call holds nothing.
+holds() { # [--lost] <a> <camera...>
+  local lost=() n want="" got
+  [[ $1 == --lost ]] && { lost=(--lost); shift; }
+  local a=$1
+  shift
+  for n in "$@"; do want+=$(node "$n")$'\n'; done
+  got=$(lab nodes "$a" "${lost[@]}" 2>/dev/null | cut -d' ' -f1-3) || return 1
+  [[ $got == "${want%$'\n'}" ]]
+}
+count_events() { # <camera> <event> [<camera named>]
+  lab events "$1" | grep -c "^$2 serialnumber=${3:+$(mac "$3") }"
+}
+gone() { [[ ! -e /proc/$1 || $(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null) == Z* ]]; }
+equals() { [[ $1 == "$2" ]] || { echo "  got:      ${1@Q}"; echo "  expected: ${2@Q}"; return 1; }; }
+
+# Labs of earlier runs that were killed before they could take them down.
+for dir in /tmp/kinwatch-lab-kwe2e*; do
+  old=${dir#/tmp/kinwatch-lab-}
+  [[ -d $dir ]] && ! kill -0 "${old#kwe2e}" 2>/dev/null && bash "$script" --name "$old" down
+done
+
+out=$(cd / && setpriv --reuid=65534 --regid=65534 --clear-groups bash -s -- status <"$script" 2>&1)
+check test $? -ne 0
+check grep -q "must run as root" <<<"$out"
+
+trap 'lab down >/dev/null 2>&1' EXIT
+since=$(date +%s)
+lab up 4 --binary "$kinwatch" || exit 1
+
+echo "--- kinwatchctl status and set"
+out=$(ctl 1 status)
+check test $? -eq 0
+check equals "$(head -5 <<<"$out")" $'enabled:     true\nttl:         1\ngroup:       1\nipv4-group:  239.255.78.1\nipv6-group:  ff05::78'
+check grep -qx 'lost nodes:  0' <<<"$out"
+out=$(ctl 1 set ttl 0 2>&1)
+check test $? -eq 1
+check equals "$out" "kinwatchctl: cannot set ttl: TTL must be in the range [1..255]"
+ctl 1 set ttl 256 2>/dev/null
+check test $? -eq 2
+
+echo "--- every camera learns the three others"
+converged() { holds 1 2 3 4 && holds 2 1 3 4 && holds 3 1 2 4 && holds 4 1 2 3; }
+start=$SECONDS
+wait_for 90 converged || fail "the cameras did not all learn each other"
+echo "converged in $((SECONDS - start)) s"
+now=$(date +%s)
+for a in 1 2 3 4; do
+  check equals "$(lab nodes "$a" | awk -v s="$since" -v n="$now" '!(s <= $4 && $4 <= $5 && $5 <= n)')" ""
+  for b in 1 2 3 4; do
+    ((a == b)) || check equals "$(count_events "$a" SiblingConnected "$b")" 1
+  done
+  check equals "$(count_events "$a" SiblingDisconnected)" 0
+done
+
+echo "--- kinwatchctl nodes"
+out=$(ctl 1 nodes)
+check test $? -eq 0
+check grep -q '^HARDWARE ADDRESS  *IPV4  *IPV6  *FIRST SEEN  *LAST SEEN$' <<<"$(head -1 <<<"$out")"
+check equals "$(tail -n +2 <<<"$out" | cut -c1-37)" "$(for n in 2 3 4; do node "$n"; done | sed 's/ /  /g')"
+json_matches() { # nodes --json tells what the bus tells
+  local json
+  json=$(ctl 1 nodes --json) &&
+    [[ $(sed -E 's/^\{"mac":"([^"]*)","ipv4":"([^"]*)","ipv6":"([^"]*)","first_seen":([0-9]+),"last_seen":([0-9]+)\}$/\1 \2 \3 \4 \5/' <<<"$json") == "$(lab nodes 1)" ]]
+}
+wait_for 10 json_matches || fail "nodes --json differs from the bus"
+
+echo "--- a camera whose package stops leaves without an event, and comes back"
+lab run-state 3 Stopped
+wait_for 30 eval 'holds 1 2 4 && holds 2 1 4 && holds 4 1 2' || fail "camera 3 is still listed"
+check holds 3
+for a in 1 2 4; do check holds --lost "$a"; done
+lab run-state 3 Running
+wait_for 30 eval 'holds 1 2 3 4 && holds 2 1 3 4 && holds 4 1 2 3' || fail "camera 3 was not learnt again"
+for a in 1 2 4; do check equals "$(count_events "$a" SiblingConnected 3)" 2; done
+
+echo "--- a group change over kinwatchctl"
+check ctl 4 set group 5
+check grep -qx KinwatchGroup=5 "$state/c4/kinwatch.conf"
+check grep -qx 'group:       5' <<<"$(ctl 4 status)"
+check holds 4
+wait_for 30 eval 'holds 1 2 3 && holds 2 1 3' || fail "camera 4's LEAVE did not reach cameras 1 and 2"
+
+echo "--- a killed camera is reported once, by the lowest id"
+"$ctl_binary" --address "$(lab address 2)" watch >"$state/watch.out" 2>"$state/watch.err" &
+watch=$!
+wait_for 15 grep -qs "watching 2 known and 0 lost" "$state/watch.err" || fail "the watch did not begin"
+lab kill 3
+start=$SECONDS
+wait_for 100 eval '[[ $(count_events 1 SiblingDisconnected 3) -gt 0 ]]' || fail "camera 1 did not report camera 3"
+echo "reported in $((SECONDS - start)) s"
+wait_for 30 eval 'holds --lost 1 3 && holds --lost 2 3 && holds 1 2 && holds 2 1' ||
+  fail "cameras 1 and 2 did not both move camera 3 to their lost lists"
+check equals "$(for a in 1 2 4; do count_events "$a" SiblingDisconnected; done)" $'1\n0\n0'
+wait_for 15 grep -q lost "$state/watch.out" || fail "the watch did not see the loss"
+kill -INT "$watch"
+wait "$watch"
+check test $? -eq 0
+check equals "$(cat "$state/watch.out")" "lost $(node 3)"
+out=$(ctl 3 status 2>&1)
+check test $? -eq 3
+check equals "$out" "kinwatchctl: the kinwatch service is not running on this bus"
+
+for n in 1 2 3 4; do
+  check equals "$(lab log "$n" | grep -E 'Sanitizer|runtime error:|CRITICAL \*\*|ERROR \*\*')" ""
+  ((failures == 0)) || { echo "--- end of camera $n's log"; lab log "$n" | tail -40; }
+done
+
+echo "--- down leaves no process, namespace, mount or file"
+pids=$(lab status | grep -oE '(kinwatch|dbus)=[0-9]+' | cut -d= -f2)
+check lab down
+check lab down
+check equals "$(ip netns list | grep -c "^kwlab-$name-")" 0
+check test ! -e "$state"
+check equals "$(grep -c "$state" /proc/mounts)" 0
+for pid in $pids; do
+  wait_for 10 gone "$pid" || fail "process $pid still runs"
+done
+
+echo "$failures failures"
+((failures == 0))
