@@ -175,18 +175,12 @@ TEST_F(monitor_interface_lab, receivers_queue_the_decoded_messages_of_their_grou
                                                    std::string("Failed to leave multicast group: ") + g_strerror(ENODEV)}));
 }
 
-TEST(monitor_interface, a_chain_that_cannot_be_built_is_reported_and_spares_the_other_family)
+TEST_F(monitor_interface_lab, a_chain_that_cannot_be_built_is_told_and_spares_the_other_family)
 {
-    KW_REQUIRE_ROOT();
-    test::netns ns("chains");
-    ASSERT_TRUE(ns.must_exec("ip link add eth0 type veth peer name eth1 && ip link set eth0 up && ip link set eth1 up && "
-                             "ip route add 224.0.0.0/4 dev eth0"));
-    netns_enter in(ns);
-    auto queue = message_queue::create();
     const std::string invalid = g_strerror(EINVAL);
     // The sender looks a host name up, the receiver takes numeric groups only;
     // a unicast group is taken by the sender and refused at the join.
-    auto interface = monitor_interface::create("eth0", "localhost", "fd77::99", port, 1, *queue, 7);
+    auto interface = monitor_interface::create("eth0", "localhost", "fd77::99", port, 1, *m_queue, 7);
     struct {
         bool (monitor_interface::*setup)();
         std::vector<std::string> warnings;
@@ -201,19 +195,14 @@ TEST(monitor_interface, a_chain_that_cannot_be_built_is_reported_and_spares_the_
           "monitor_chain: failed to create", "monitor_interface: failed to setup ipv6 chain"}},
     };
     for (const auto& r : rows) {
-        test::log_capture log;
+        m_log.clear();
         EXPECT_FALSE((*interface.*r.setup)());
-        EXPECT_EQ(log.warnings(), r.warnings);
+        EXPECT_EQ(m_log.warnings(), r.warnings);
     }
-    test::log_capture log;
+    m_log.clear();
     EXPECT_FALSE(interface->start_ipv6());
-    EXPECT_TRUE(log.lines().empty());
-    // Receivers of two interfaces share the port.
     EXPECT_TRUE(interface->set_ipv4_address(ipv4_group) && interface->setup_ipv4() && interface->start_ipv4());
-    auto other = monitor_interface::create("eth1", ipv4_group, ipv6_group, port, 1, *queue, 7);
-    EXPECT_TRUE(other->setup_ipv4() && other->setup_ipv6() && other->start_ipv6());
-    EXPECT_TRUE(interface->set_ipv6_address(ipv6_group) && interface->setup_ipv6());
-    EXPECT_TRUE(log.warnings().empty());
+    EXPECT_TRUE(m_log.lines().empty());
 }
 
 } // namespace
