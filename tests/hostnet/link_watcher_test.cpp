@@ -2,6 +2,7 @@
 #include "tests/support/netns.hpp"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -25,13 +26,9 @@ TEST(link_watcher, usable_addresses_exclude_unspecified_and_link_local)
     for (auto [text, usable] : {std::pair {"192.168.1.10", true}, {"0.0.0.0", false}, {"169.254.7.7", false},
                                 {"169.253.0.1", true}, {"170.254.0.1", true}, {"fd00::1", true}, {"::", false},
                                 {"fe80::1", false}, {"febf::1", false}, {"fec0::1", true}, {"fe7f::1", true}}) {
-        sockaddr_in6 storage {};
-        auto* ipv4 = reinterpret_cast<sockaddr_in*>(&storage);
-        if (inet_pton(AF_INET, text, &ipv4->sin_addr) == 1)
-            ipv4->sin_family = AF_INET;
-        else if (inet_pton(AF_INET6, text, &storage.sin6_addr) == 1)
-            storage.sin6_family = AF_INET6;
-        EXPECT_EQ(address_is_usable(reinterpret_cast<sockaddr*>(&storage)), usable) << text;
+        addrinfo hints {AI_NUMERICHOST}, *found = nullptr;
+        ASSERT_EQ(getaddrinfo(text, nullptr, &hints, &found), 0) << text;
+        EXPECT_EQ(address_is_usable(adopt(found)->ai_addr), usable) << text;
     }
     sockaddr other {AF_PACKET, {}};
     EXPECT_FALSE(address_is_usable(&other));

@@ -133,34 +133,29 @@ TEST_F(monitor_interface_lab, receivers_queue_the_decoded_messages_of_their_grou
         netns_enter in(host(1));
         far[0] = mcast_sender::create("eth0", ipv4_group, port, 1);
         far[1] = mcast_sender::create("eth0", ipv6_group, port, 1);
-        ASSERT_TRUE(far[0] && far[1]);
     }
-    auto wire = [](std::unique_ptr<peer_message> message) { return *message->encode(); };
-    in6_addr ipv6 {};
-    ipv6.s6_addr[15] = 1;
-    std::vector<std::uint8_t> accepted[] = {wire(peer_message::announce_new(1, 7, in_addr {htonl(0x0a000001)}, ipv6)),
-                                            wire(peer_message::dispatched_new(2, 3, 7)), wire(peer_message::leave_new(4, 7))};
-    auto wrong_version = wire(peer_message::leave_new(5, 7)), oversized = wrong_version;
+    ASSERT_TRUE(far[0] && far[1]);
+    using bytes = std::vector<std::uint8_t>;
+    auto leave = [](node_id id, std::uint32_t group) { return *peer_message::leave_new(id, group)->encode(); };
+    const bytes announce = *peer_message::announce_new(1, 7, in_addr {htonl(0x0a000001)}, in6addr_loopback)->encode();
+    const bytes dispatched = *peer_message::dispatched_new(2, 3, 7)->encode();
+    bytes wrong_version = leave(5, 7), oversized = leave(5, 7);
     wrong_version[1] = 2;
     oversized.resize(1500);
-    // Checks that the queue receives exactly what is expected, in order.
-    auto expect_queued = [&](const std::vector<std::vector<std::uint8_t>>& expected) {
-        ASSERT_TRUE(wait_until([&] { return m_queue->length() >= static_cast<int>(expected.size()); }));
-        for (const auto& bytes : expected)
-            EXPECT_EQ(m_queue->pop()->encode(), bytes);
+    // Sent on each family in turn, the queue takes exactly what is expected, in order.
+    auto expect_queued = [&](const std::vector<bytes>& sent, const std::vector<bytes>& expected) {
+        for (auto& sender : far) {
+            for (const auto& b : sent)
+                EXPECT_EQ(sender->send(b.data(), b.size()), static_cast<ssize_t>(b.size()));
+            ASSERT_TRUE(wait_until([&] { return m_queue->length() >= static_cast<int>(expected.size()); }));
+            for (const auto& b : expected)
+                EXPECT_EQ(m_queue->pop()->encode(), b);
+        }
     };
-    for (auto& sender : far) {
-        for (const auto& bytes : {wire(peer_message::leave_new(6, 8)), wrong_version, oversized, accepted[0],
-                                  accepted[1], accepted[2]})
-            EXPECT_EQ(sender->send(bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        expect_queued({accepted[0], accepted[1], accepted[2]});
-    }
+    expect_queued({leave(6, 8), wrong_version, oversized, announce, dispatched, leave(4, 7)},
+                  {announce, dispatched, leave(4, 7)});
     interface->set_group(8);
-    for (auto& sender : far) {
-        for (const auto& bytes : {wire(peer_message::leave_new(7, 7)), wire(peer_message::leave_new(8, 8))})
-            sender->send(bytes.data(), bytes.size());
-        expect_queued({wire(peer_message::leave_new(8, 8))});
-    }
+    expect_queued({leave(7, 7), leave(8, 8)}, {leave(8, 8)});
     EXPECT_EQ(m_queue->length(), 0);
     EXPECT_TRUE(m_log.warnings().empty());
 

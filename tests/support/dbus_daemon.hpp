@@ -40,8 +40,6 @@ public:
         if (m_system_bus)
             g_dbus_connection_set_exit_on_close(m_system_bus.get(), FALSE);
     }
-    dbus_daemon(const dbus_daemon&) = delete;
-    dbus_daemon& operator=(const dbus_daemon&) = delete;
     ~dbus_daemon()
     {
         if (m_system_bus) {
