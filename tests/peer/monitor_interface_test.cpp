@@ -200,5 +200,54 @@ TEST_F(monitor_interface_lab, a_chain_that_cannot_be_built_is_told_and_spares_th
     EXPECT_TRUE(m_log.lines().empty());
 }
 
+TEST_F(monitor_interface_lab, each_receiver_hears_its_own_interface_and_each_sender_sends_there)
+{
+    // Host 0 gets eth1 on a second network, shared with a namespace of its own.
+    test::netns other("other");
+    ASSERT_TRUE(other.must_exec("ip link add eth1 type veth peer name eth0 && ip link set eth1 netns " + host(0).name() +
+                                " && ip addr add 10.78.0.2/24 dev eth0 && ip -6 addr add fd78::2/64 dev eth0 nodad && "
+                                "ip link set eth0 up"));
+    ASSERT_TRUE(host(0).must_exec("ip addr add 10.78.0.1/24 dev eth1 && ip link set eth1 up"));
+    ASSERT_TRUE(other.wait_until_up("eth0") && host(0).wait_until_up("eth1"));
+    for (const char* group : {ipv4_group, ipv6_group}) {
+        SCOPED_TRACE(group);
+        std::unique_ptr<mcast_receiver> on[] = {mcast_receiver::create("eth0", group, port),
+                                                mcast_receiver::create("eth1", group, port)};
+        std::unique_ptr<probe> far;
+        {
+            netns_enter in(other);
+            far = probe::open("eth0", group, port);
+        }
+        // Host 1 sends on the first network, the other namespace on the second.
+        for (test::netns* sender_ns : {&host(1), &other}) {
+            netns_enter in(*sender_ns);
+            auto bytes = *peer_message::leave_new(sender_ns == &other ? 2 : 1, 7)->encode();
+            mcast_sender::create("eth0", group, port, 1)->send(bytes.data(), bytes.size());
+        }
+        // One datagram taken from a receiver, kept when it is not dropped; false when none waits.
+        std::vector<node_id> heard[2];
+        auto take = [&](int n) {
+            std::uint8_t buffer[64];
+            ssize_t got = on[n]->receive(buffer, sizeof buffer);
+            if (auto message = peer_message::decode(buffer, got))
+                heard[n].push_back(message->get_node_id());
+            return got != mcast_receiver::none_waiting;
+        };
+        // A datagram reaches every socket of its group at once: once both
+        // receivers had theirs, a copy on the other would be waiting too.
+        for (int n : {0, 1})
+            EXPECT_TRUE(wait_until([&] { return take(n) && !heard[n].empty(); }));
+        for (int n : {0, 1})
+            while (take(n)) {
+            }
+        EXPECT_EQ(heard[0], std::vector<node_id> {1});
+        EXPECT_EQ(heard[1], std::vector<node_id> {2});
+        // A sender of eth1 goes out there.
+        auto bytes = *peer_message::leave_new(3, 7)->encode();
+        mcast_sender::create("eth1", group, port, 1)->send(bytes.data(), bytes.size());
+        EXPECT_TRUE(far->receive());
+    }
+}
+
 } // namespace
 } // namespace kw

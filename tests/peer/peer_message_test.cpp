@@ -105,7 +105,7 @@ node_id id_of(const std::unique_ptr<peer_message>& message)
     return message ? message->get_node_id() : 0;
 }
 
-TEST(message_queue, hands_out_messages_and_markers_first_in_first_out_and_try_pop_never_waits)
+TEST(message_queue, hands_out_first_in_first_out_try_pop_never_waits_and_a_full_queue_refuses)
 {
     auto queue = message_queue::create();
     EXPECT_EQ(queue->try_pop(), nullptr);
@@ -141,6 +141,16 @@ TEST(message_queue, hands_out_messages_and_markers_first_in_first_out_and_try_po
     holder.join();
     EXPECT_EQ(id_of(queue->try_pop()), 5u);
     EXPECT_EQ(queue->length(), 0);
+
+    // A full queue refuses and counts what comes, until room is made.
+    auto bounded = message_queue::create(2);
+    for (node_id id : {1, 2, 3, 4})
+        EXPECT_EQ(bounded->push(peer_message::leave_new(id, 7)), id <= 2) << id;
+    EXPECT_EQ(bounded->take_dropped(), 2u);
+    EXPECT_EQ(bounded->take_dropped(), 0u);
+    EXPECT_EQ(id_of(bounded->pop()), 1u);
+    EXPECT_TRUE(bounded->push(nullptr));
+    EXPECT_EQ(bounded->length(), 2);
 }
 
 } // namespace
