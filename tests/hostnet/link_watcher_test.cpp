@@ -98,38 +98,22 @@ TEST(link_watcher, reports_multicast_links_and_their_usable_addresses_to_its_lis
     }
     EXPECT_EQ(second.size(), 1u);
 
-    // A second watcher: the first left no watch on a descriptor it closed.
+    // A second watcher, its buffer far too small for the burst below: the
+    // first left no watch on the descriptor it closed, and what the burst
+    // makes it lose is made up for. Notifications for a link it does not
+    // report fill the buffer; those of the last change are lost.
+    void* first_watcher = watcher.get();
     watcher.reset();
+    EXPECT_EQ(g_main_context_find_source_by_user_data(nullptr, first_watcher), nullptr);
     EXPECT_EQ(descriptors(), before);
-    watcher = link_watcher::create();
+    watcher = link_watcher::create(4096);
     std::vector<std::string> third;
     watcher->add_listener(&record, &third);
-    ASSERT_TRUE(ns.must_exec("ip addr del 10.2.0.1/24 dev vc"));
+    test::log_capture log;
+    ASSERT_TRUE(ns.must_exec("(for i in $(seq 200); do echo addr add 10.3.0.$i/32 dev vd; done; "
+                             "echo addr del 10.2.0.1/24 dev vc) | ip -batch -"));
     EXPECT_TRUE(test::wait_until([&] { return g_main_context_iteration(nullptr, FALSE) && third.size() >= 3; }));
     EXPECT_EQ(third, (std::vector<std::string> {"#1 va up 10.1.0.2 !::", "#1 vc up 10.2.0.1 !::", "#1 vc up !0.0.0.0 !::"}));
-}
-
-TEST(link_watcher, recovers_from_an_overrun_with_the_true_state_of_its_interfaces)
-{
-    KW_REQUIRE_ROOT();
-    test::netns ns("lwo");
-    ASSERT_TRUE(ns.must_exec("ip link add eth0 type veth peer name eth0p && ip link set eth0p multicast off up && "
-                             "ip link set eth0 up && ip addr add 10.0.0.1/24 dev eth0"));
-    ASSERT_TRUE(ns.wait_until_up("eth0"));
-    test::netns_enter in(ns);
-    test::log_capture log;
-    auto watcher = link_watcher::create(4096); // far too small for the burst below
-    std::vector<std::string> seen;
-    watcher->add_listener(&record, &seen);
-    // Notifications for a link it does not report fill the buffer; those of
-    // the change that follows are lost.
-    ASSERT_TRUE(ns.must_exec("(for i in $(seq 200); do echo addr add 10.1.0.$i/32 dev eth0p; done; "
-                             "echo addr add 10.9.9.9/24 dev eth0; echo addr del 10.0.0.1/24 dev eth0) | ip -batch -"));
-    EXPECT_TRUE(test::wait_until([&] {
-        while (g_main_context_iteration(nullptr, FALSE)) {
-        }
-        return seen.back() == "#1 eth0 up 10.9.9.9 !::";
-    })) << seen.back();
     EXPECT_TRUE(log.contains(G_LOG_LEVEL_WARNING, "Netlink receive buffer overrun, resynchronising"));
 }
 
