@@ -9,8 +9,6 @@
 #include <poll.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 
 namespace kw::test {
@@ -64,18 +62,5 @@ public:
 private:
     std::unique_ptr<mcast_receiver> m_socket;
 };
-
-// Sending and receiving threads of this process, by the names the kernel
-// keeps (15 characters). The test binaries' names must not begin the same.
-inline int worker_threads()
-{
-    int count = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        count += name == "monitor_sender_" || name == "monitor_receive";
-    }
-    return count;
-}
 
 } // namespace kw::test
