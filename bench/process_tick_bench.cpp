@@ -51,6 +51,7 @@ public:
         environment.run_state = package(m_dir + "/packages");
         environment.sysfs_root = m_dir + "/sys";
         environment.clock = [this] { return ref(m_now.get()); };
+        environment.monotonic = [this] { return m_monotonic_us; };
         m_monitor = monitor::create(*m_settings, std::move(environment));
         if (!m_monitor || !m_monitor->is_running()) {
             std::fprintf(stderr, "monitor did not start\n");
@@ -78,7 +79,13 @@ public:
                                            in6_addr {}));
     }
 
-    void advance_seconds(int seconds) { m_now = adopt(g_date_time_add_seconds(m_now.get(), seconds)); }
+    // Silence is measured on the monotonic clock; the wall clock moves with
+    // it so that first and last seen look as they would on a camera.
+    void advance_seconds(int seconds)
+    {
+        m_now = adopt(g_date_time_add_seconds(m_now.get(), seconds));
+        m_monotonic_us += seconds * G_TIME_SPAN_SECOND;
+    }
 
     // A new group number empties both tables.
     void clear_tables() { m_monitor->set_group(++m_group); }
@@ -86,6 +93,7 @@ public:
 private:
     std::string m_dir;
     g_ptr<GDateTime> m_now;
+    gint64 m_monotonic_us = 0;
     std::unique_ptr<settings> m_settings;
     std::unique_ptr<monitor> m_monitor;
     std::uint32_t m_group = 7;

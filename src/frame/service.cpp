@@ -25,6 +25,7 @@ service::~service()
 bool service::parse_command_line(int* argc, char*** argv)
 {
     gboolean no_daemon = FALSE;
+    gboolean fast_join = FALSE;
     char* config_file = nullptr;
     char* ident = nullptr;
     const GOptionEntry entries[] = {
@@ -32,6 +33,8 @@ bool service::parse_command_line(int* argc, char*** argv)
         {"config_file", 'c', 0, G_OPTION_ARG_STRING, &config_file, "Specify configuration file, -c <filename>",
          nullptr},
         {"ident", 'i', 0, G_OPTION_ARG_STRING, &ident, "The name of the process, -i <ident>", nullptr},
+        {"fast-join", 'f', 0, G_OPTION_ARG_NONE, &fast_join, "Answer a newly heard sibling with an ANNOUNCE at once",
+         nullptr},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
 
@@ -40,6 +43,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     error_out error;
     bool parsed = g_option_context_parse(context.get(), argc, argv, error.out());
     m_no_daemon = no_daemon;
+    m_fast_join = fast_join;
     m_config_file = adopt(config_file);
     m_ident = adopt(ident);
 
@@ -86,7 +90,9 @@ int service::run(int argc, char** argv)
     }
 
     // Starts itself when Enabled is set and the package runs.
-    m_monitor = monitor::create(*m_settings);
+    monitor_environment environment;
+    environment.fast_join = m_fast_join;
+    m_monitor = monitor::create(*m_settings, std::move(environment));
     if (!m_monitor) {
         g_warning("Failed to set up monitor");
         return 1;

@@ -29,6 +29,7 @@ private:
     bool parse_command_line(int* argc, char*** argv);
 
     bool m_no_daemon = false;
+    bool m_fast_join = false;
     g_ptr<char> m_config_file;
     g_ptr<char> m_ident;
     g_ptr<GMainLoop> m_main_loop;

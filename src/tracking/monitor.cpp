@@ -91,6 +91,8 @@ bool monitor::start()
         g_timeout_add_seconds(announce_period_seconds, &monitor::announce_tick_trampoline, this);
 
     m_running = true;
+    m_answer_due = false;
+    m_answered = false;
     send_announce();
     return true;
 }
@@ -125,6 +127,7 @@ void monitor::stop()
 
     // Stops and joins every chain's threads before the queue they push to goes.
     m_interfaces.clear();
+    m_chained.clear();
     while (m_receive_queue->length() > 0)
         m_receive_queue->pop();
     m_receive_queue.reset();
@@ -166,6 +169,7 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 
     if (!state.up) {
         m_interfaces.erase(name);
+        m_chained.erase(name);
         return;
     }
 
@@ -177,9 +181,10 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 
     // A chain that fails here logs its own warnings and is tried again at the
     // interface's next notification.
+    bool chained = false;
     if (state.ipv4_enabled) {
         interface.setup_ipv4();
-        interface.start_ipv4();
+        chained = interface.start_ipv4();
     } else {
         interface.stop_ipv4();
         interface.teardown_ipv4();
@@ -188,12 +193,20 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 
     if (state.ipv6_enabled) {
         interface.setup_ipv6();
-        interface.start_ipv6();
+        chained = interface.start_ipv6() || chained;
     } else {
         interface.stop_ipv6();
         interface.teardown_ipv6();
     }
     m_own_ipv6 = state.ipv6_address;
+
+    // The start's own ANNOUNCE covers the interfaces replayed at registration.
+    if (!chained) {
+        m_chained.erase(name);
+    } else if (m_chained.insert(name).second && m_running) {
+        ask_answer();
+        answer_if_due();
+    }
 }
 
 void monitor::broadcast(std::unique_ptr<peer_message> message)
@@ -232,6 +245,15 @@ bool monitor::announce_tick()
     return true;
 }
 
+void monitor::answer_if_due()
+{
+    if (!m_answer_due || m_answered)
+        return;
+    m_answer_due = false;
+    m_answered = true;
+    send_announce();
+}
+
 namespace {
 
 // A tick that freed this many messages gives the heap back to the system.
@@ -241,6 +263,7 @@ constexpr std::size_t heap_trim_after = 256;
 
 bool monitor::process_tick()
 {
+    m_answered = false;
     // Without an interface nothing is taken from the queue and nothing expires.
     if (!m_running || m_interfaces.empty())
         return true;
@@ -266,6 +289,7 @@ bool monitor::process_tick()
         g_warning("Receive queue full, dropped %u messages", dropped);
 
     expire_silent_nodes();
+    answer_if_due();
     // After a flood the freed messages would stay in the process's heap.
     if (taken >= heap_trim_after)
         malloc_trim(0);
@@ -283,7 +307,7 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         // A refresh is a new record that keeps the old first-seen time.
         g_ptr<GDateTime> first_seen = ref(old->get_first_seen());
         m_known_nodes->remove(id);
-        auto record = monitor_message_type::create(std::move(message), m_environment.clock);
+        auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
         if (!record)
             return;
         record->set_first_seen(std::move(first_seen));
@@ -293,7 +317,7 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         return;
     }
 
-    auto record = monitor_message_type::create(std::move(message), m_environment.clock);
+    auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
     if (!record)
         return;
     monitor_message_type* stored = record.get();
@@ -303,11 +327,14 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         return;
     stored->print();
     m_events->send_connected(*stored);
+    ask_answer();
 }
 
 void monitor::process_dispatched(const peer_message& message)
 {
     message.print();
+    if (message.get_dispatched_node_id() == m_own_node_id)
+        ask_answer(); // declared lost while alive
     std::unique_ptr<monitor_message_type> record = m_known_nodes->steal(message.get_dispatched_node_id());
     if (!record) {
         g_warning("Failed to extract message from known nodes table");
@@ -330,14 +357,16 @@ void monitor::expire_silent_nodes()
     // One walk lists the silent nodes and counts the live (not stale) nodes
     // below our own id. Marking a node stale lowers that count, so each
     // reporter decision costs O(1) and the tick stays linear in the table.
-    g_ptr<GDateTime> now = m_environment.clock();
+    // Silence is measured on the monotonic clock (system_monotonic_now says
+    // which and why), never on the wall clock that last seen shows: a step of
+    // the wall clock neither loses a live sibling nor keeps a dead one.
+    const gint64 now = m_environment.monotonic();
     std::size_t live_below = 0;
     std::vector<node_id> silent = m_known_nodes->filter_ids([&](const monitor_message_type& record) {
         if (!record.is_stale() && record.get_message().get_node_id() < m_own_node_id)
             ++live_below;
-        return g_date_time_difference(now.get(), record.get_last_seen()) > silence_limit_us;
+        return now - record.get_last_heard() > silence_limit_us;
     });
-    now.reset();
 
     for (node_id id : silent) {
         monitor_message_type* record = nullptr;

@@ -19,17 +19,23 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace kw {
 
 // What the engine takes from its host beyond the settings record. The service
 // uses the defaults; tests point them at a temporary package directory, a
-// fake sysfs tree and a clock of their own.
+// fake sysfs tree and clocks of their own.
 struct monitor_environment {
     package run_state {};
     std::string sysfs_root = mac_address::default_sysfs_root;
     local_clock clock = system_local_now;
+    monotonic_clock monotonic = system_monotonic_now;
+    // Answer with an ANNOUNCE at once when a tick learns a node, when an
+    // interface gets its first running chain after the start, and when a
+    // DISPATCHED declares this node lost; at most once per process period.
+    bool fast_join = false;
 };
 
 // The engine. While it runs it owns the node tables, one monitor_interface
@@ -43,7 +49,8 @@ public:
 
     static constexpr guint process_period_seconds = 5;
     static constexpr guint announce_period_seconds = 55;
-    // Silent means: more than this many microseconds since last seen.
+    // Silent means: more than this many microseconds of the monotonic clock
+    // since last heard. A step of the wall clock changes nothing.
     static constexpr GTimeSpan silence_limit_us = 59'999'999;
 
     // The node id comes from the hardware address of the configured
@@ -122,6 +129,8 @@ private:
     void process_leave(const peer_message& message);
     void expire_silent_nodes();
     bool set_multicast_group(int family, const std::string& text);
+    void ask_answer() { m_answer_due = m_answer_due || m_environment.fast_join; }
+    void answer_if_due();
     static node_list copy_nodes(monitor_table* table);
 
     std::unique_ptr<monitor_table> m_known_nodes;
@@ -140,6 +149,11 @@ private:
     bool m_running = false;
     in_addr m_own_ipv4 {};
     in6_addr m_own_ipv6 {};
+    // Fast join: names of the interfaces with a running chain, an answer
+    // asked for, an answer sent since the last process tick began.
+    std::unordered_set<std::string> m_chained;
+    bool m_answer_due = false;
+    bool m_answered = false;
 };
 
 } // namespace kw

@@ -7,15 +7,18 @@
 namespace kw {
 
 monitor_message_type::monitor_message_type(private_tag, std::unique_ptr<peer_message> message,
-                                           g_ptr<GDateTime> first_seen, g_ptr<GDateTime> last_seen)
+                                           g_ptr<GDateTime> first_seen, g_ptr<GDateTime> last_seen,
+                                           gint64 last_heard_us)
     : m_message(std::move(message))
     , m_first_seen(std::move(first_seen))
     , m_last_seen(std::move(last_seen))
+    , m_last_heard_us(last_heard_us)
 {
 }
 
 std::unique_ptr<monitor_message_type> monitor_message_type::create(std::unique_ptr<peer_message> message,
-                                                                   const local_clock& clock)
+                                                                   const local_clock& clock,
+                                                                   const monotonic_clock& monotonic)
 {
     if (!message)
         return nullptr;
@@ -24,13 +27,13 @@ std::unique_ptr<monitor_message_type> monitor_message_type::create(std::unique_p
         return nullptr;
     g_ptr<GDateTime> last = ref(first.get());
     return std::make_unique<monitor_message_type>(private_tag {}, std::move(message), std::move(first),
-                                                  std::move(last));
+                                                  std::move(last), monotonic());
 }
 
 std::unique_ptr<monitor_message_type> monitor_message_type::copy() const
 {
     return std::make_unique<monitor_message_type>(private_tag {}, m_message->copy(), ref(m_first_seen.get()),
-                                                  ref(m_last_seen.get()));
+                                                  ref(m_last_seen.get()), m_last_heard_us);
 }
 
 void monitor_message_type::set_first_seen(g_ptr<GDateTime> time)

@@ -11,23 +11,26 @@
 namespace kw {
 
 // The record of one sibling node: its latest ANNOUNCE, when it was first and
-// last seen, and whether it has been marked silent. The record owns its
-// message and one reference to each of its two date-times (which may be the
-// same object).
+// last seen, when it was last heard on the monotonic clock, and whether it
+// has been marked silent. The record owns its message and one reference to
+// each of its two date-times (which may be the same object).
 class monitor_message_type {
 public:
     // Takes over an ANNOUNCE message. First seen and last seen are one
-    // date-time from the clock, held twice; the stale mark is 0. Gives
-    // nullptr when there is no message or the clock gives no time.
+    // date-time from the clock, held twice; last heard is the monotonic
+    // clock's reading; the stale mark is 0. Gives nullptr when there is no
+    // message or the clock gives no time.
     static std::unique_ptr<monitor_message_type> create(std::unique_ptr<peer_message> message,
-                                                        const local_clock& clock = system_local_now);
+                                                        const local_clock& clock = system_local_now,
+                                                        const monotonic_clock& monotonic = system_monotonic_now);
 
     monitor_message_type(const monitor_message_type&) = delete;
     monitor_message_type& operator=(const monitor_message_type&) = delete;
     ~monitor_message_type() = default;
 
     // A record over a copy of the message that shares this record's
-    // date-times (one more reference each); its stale mark is 0.
+    // date-times (one more reference each) and its last heard; its stale
+    // mark is 0.
     std::unique_ptr<monitor_message_type> copy() const;
 
     const peer_message& get_message() const { return *m_message; }
@@ -45,6 +48,9 @@ public:
     std::string get_ipv6_string() const;
     std::string get_mac_string() const;
 
+    // Microseconds of the monotonic clock when the latest ANNOUNCE was processed.
+    gint64 get_last_heard() const { return m_last_heard_us; }
+
     void set_stale(std::int32_t stale) { m_stale = stale; }
     std::int32_t is_stale() const { return m_stale; }
 
@@ -55,12 +61,13 @@ public:
         explicit private_tag() = default;
     };
     monitor_message_type(private_tag, std::unique_ptr<peer_message> message, g_ptr<GDateTime> first_seen,
-                         g_ptr<GDateTime> last_seen);
+                         g_ptr<GDateTime> last_seen, gint64 last_heard_us);
 
 private:
     std::unique_ptr<peer_message> m_message;
     g_ptr<GDateTime> m_first_seen;
     g_ptr<GDateTime> m_last_seen;
+    gint64 m_last_heard_us;
     std::int32_t m_stale = 0;
 };
 

@@ -1,17 +1,13 @@
 // The observer's reaction to each kind of directory event, called as GIO
-// calls it, and through real directory monitors. The test thread stays in a
-// private network namespace, so every start opens its sockets there.
+// calls it (kinwatch_test shows real directory monitors at work). The test
+// thread stays in a private network namespace, so every start opens its
+// sockets there.
 
 #include "src/frame/package_observer.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/tracking/monitor_harness.hpp"
 
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
-
-#if defined(__SANITIZE_THREAD__) // GIO's worker thread syncs in uninstrumented GLib
-extern "C" const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1"; }
-#endif
 
 namespace kw::test {
 namespace {
@@ -44,14 +40,6 @@ protected:
     std::string in_top(const char* name) { return m_camera.dir().file("packages") + (*name ? "/" : "") + name; }
     void write(const char* text) { m_camera.dir().write("packages/kinwatch/is_running", text); }
     monitor& engine() { return *m_camera.engine(); }
-    // Runs the default main context until the condition holds (10 s at most).
-    bool eventually(const std::function<bool()>& condition)
-    {
-        for (gint64 end = g_get_monotonic_time() + 10 * G_USEC_PER_SEC; !condition(); g_usleep(10'000))
-            if (!g_main_context_iteration(nullptr, FALSE) && g_get_monotonic_time() > end)
-                return false;
-        return true;
-    }
 
     std::unique_ptr<netns> m_ns;
     std::unique_ptr<netns_enter> m_inside;
@@ -95,22 +83,6 @@ TEST_F(package_observer_test, each_event_kind_stops_rereads_or_does_nothing)
             }
         }
     }
-}
-
-TEST_F(package_observer_test, real_directory_monitors_follow_the_file_and_the_directory)
-{
-    write("Stopped\n");
-    EXPECT_TRUE(eventually([&] { return !engine().is_running(); }));
-    write("Running\n");
-    EXPECT_TRUE(eventually([&] { return engine().is_running(); }));
-    std::filesystem::remove_all(in_top("kinwatch"));
-    EXPECT_TRUE(eventually([&] { return !engine().is_running() && !m_observer->get_package_directory_monitor(); }));
-
-    // It arrives with its file in it: only the read on its arrival can start.
-    ASSERT_EQ(g_mkdir(in_top("new").c_str(), 0755), 0);
-    m_camera.dir().write("packages/new/is_running", "Running\n");
-    ASSERT_EQ(g_rename(in_top("new").c_str(), in_top("kinwatch").c_str()), 0);
-    EXPECT_TRUE(eventually([&] { return engine().is_running() && m_observer->get_package_directory_monitor(); }));
 }
 
 TEST_F(package_observer_test, creation_needs_the_top_directory)

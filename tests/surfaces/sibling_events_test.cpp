@@ -1,4 +1,5 @@
 #include "src/surfaces/sibling_events.hpp"
+#include "tests/support/log_capture.hpp"
 
 #include <gtest/gtest.h>
 
@@ -33,7 +34,9 @@ TEST(sibling_events, declares_both_events_and_withdraws_them)
         EXPECT_EQ(producers[0].declarations[0].keys, expected_keys("SiblingConnected", "Sibling Camera Connected"));
         EXPECT_EQ(producers[0].declarations[1].keys,
                   expected_keys("SiblingDisconnected", "Sibling Camera Disconnected"));
+        test::log_capture log;
         events.reset();
+        EXPECT_TRUE(log.contains(G_LOG_LEVEL_DEBUG, "event producer Kinwatch: freed with 0 declarations"));
         EXPECT_TRUE(event_library_producers().empty());
     }
 }

@@ -33,7 +33,8 @@ monitor* camera::create(const netns* ns)
     std::optional<netns_enter> inside;
     if (ns)
         inside.emplace(*ns);
-    m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"), m_clock.function()});
+    m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"), m_clock.function(),
+                                              m_clock.monotonic_function()});
     return m_monitor.get();
 }
 

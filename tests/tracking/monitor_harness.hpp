@@ -19,7 +19,8 @@ inline constexpr const char* lab_ipv6_group = "ff05::77";
 inline constexpr int lab_port = 21844;
 inline constexpr std::uint32_t lab_group = 7;
 
-// A clock that stands still at 2026-11-22 12:00 local time until the test moves it.
+// Clocks that stand still, the wall clock at 2026-11-22 12:00 local time,
+// until the test moves them: both together, or the wall clock alone.
 class manual_clock {
 public:
     manual_clock() : m_now(adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0))) {}
@@ -27,11 +28,21 @@ public:
     {
         return [this] { return ref(m_now.get()); };
     }
-    void advance_us(GTimeSpan us) { m_now = adopt(g_date_time_add(m_now.get(), us)); }
+    monotonic_clock monotonic_function()
+    {
+        return [this] { return m_monotonic_us; };
+    }
+    void advance_us(GTimeSpan us)
+    {
+        step_wall_us(us);
+        m_monotonic_us += us;
+    }
+    void step_wall_us(GTimeSpan us) { m_now = adopt(g_date_time_add(m_now.get(), us)); }
     GDateTime* now() const { return m_now.get(); }
 
 private:
     g_ptr<GDateTime> m_now;
+    gint64 m_monotonic_us = 7 * G_TIME_SPAN_DAY; // as long after boot as any other reading
 };
 
 struct camera_options {

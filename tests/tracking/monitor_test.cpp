@@ -119,7 +119,7 @@ TEST_F(monitor_test, the_lowest_live_node_reports_a_node_silent_for_sixty_second
         std::size_t lost_first, lost_second;
     } const cases[] = {
         {1, {2}, {3}, 59'999'999, 0, 0}, {1, {2}, {3}, 60'000'000, 1, 1}, {5, {2}, {3}, 61 * second, 0, 0},
-        {3, {3}, {5}, 61 * second, 1, 1}, {9, {}, {4, 7}, 61 * second, 1, 2},
+        {3, {3}, {5}, 61 * second, 1, 1}, {3, {}, {3, 5}, 61 * second, 2, 2}, {9, {}, {4, 7}, 61 * second, 1, 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "own " << c.own << ", after " << c.advance);
@@ -144,6 +144,38 @@ TEST_F(monitor_test, the_lowest_live_node_reports_a_node_silent_for_sixty_second
                 EXPECT_TRUE(!kept || record->is_stale() == (c.advance > 59'999'999)) << "stale mark of " << id;
             }
         }
+    }
+}
+
+// Silence is measured on the monotonic clock; first and last seen stay wall-clock times.
+TEST_F(monitor_test, a_wall_clock_step_neither_loses_a_live_sibling_nor_delays_a_loss)
+{
+    for (GTimeSpan step : {G_TIME_SPAN_HOUR, 30 * 365 * G_TIME_SPAN_DAY, -G_TIME_SPAN_HOUR}) {
+        SCOPED_TRACE(step);
+        m_log.clear();
+        camera cam({.id = 1});
+        monitor& engine = start(cam);
+        cam.inject_announce(2);
+        cam.inject_announce(3);
+        engine.process_tick();
+        cam.clock().step_wall_us(step);
+        cam.clock().advance_us(5 * second);
+        cam.inject_announce(2);
+        engine.process_tick();
+        monitor_message_type* two = nullptr;
+        ASSERT_TRUE(engine.get_known_nodes_table()->lookup(2, &two));
+        EXPECT_EQ(g_date_time_compare(two->get_last_seen(), cam.clock().now()), 0);
+        EXPECT_EQ(g_date_time_difference(two->get_last_seen(), two->get_first_seen()), step + 5 * second);
+
+        cam.clock().advance_us(55 * second - 1); // 3 was heard 59,999,999 us ago
+        engine.process_tick();
+        EXPECT_EQ(place(engine, 2) + place(engine, 3), "knownknown");
+        EXPECT_EQ(events("SiblingDisconnected"), 0u);
+        cam.clock().advance_us(1);
+        engine.process_tick();
+        EXPECT_EQ(place(engine, 2) + place(engine, 3), "knownlost");
+        EXPECT_EQ(events("SiblingDisconnected"), 1u);
+        EXPECT_EQ(events("SiblingConnected"), 2u);
     }
 }
 
@@ -174,11 +206,13 @@ TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
     EXPECT_TRUE(engine.get_known_nodes().empty() && engine.get_lost_nodes().empty());
     cam.inject_announce(5);
     engine.process_tick();
+    EXPECT_TRUE(engine.set_ipv4_group("239.255.77.2")); // a LEAVE on both; the nodes stay known
+    EXPECT_EQ(place(engine, 5), "known");
     g_remove(cam.dir().file("packages/kinwatch/is_running").c_str()); // disabling stops all the same
     EXPECT_TRUE(engine.set_enabled(false));
     EXPECT_FALSE(engine.is_running());
     EXPECT_EQ(events("SiblingDisconnected"), 1u) << "stopping raises no event";
-    for (const std::string line : {"TTL=9", "KinwatchGroup=8", "Enabled=false"})
+    for (const std::string line : {"TTL=9", "KinwatchGroup=8", "Enabled=false", "MulticastGroupIPv4=239.255.77.2"})
         EXPECT_NE(cam.config_text().find("\n" + line + "\n"), std::string::npos) << line;
 
     const peer_message_type types[] = {ANNOUNCE, DISPATCHED, ANNOUNCE, LEAVE, LEAVE};
@@ -195,6 +229,7 @@ TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
             EXPECT_EQ(heard[i].first->get_group(), i < 4 ? lab_group : 8u) << i;
         }
         EXPECT_EQ(heard[1].first->get_dispatched_node_id(), 3u);
+        EXPECT_TRUE(listener == probes[1] ? until_leave(*listener).size() == 1 : listener->idle()) << "stop's LEAVE";
         auto own = monitor_message_type::create(heard[0].first->copy()); // the addresses of host 0's eth0
         EXPECT_EQ(own->get_ipv4_string() + " " + own->get_ipv6_string(), "10.77.0.1 fd77::1");
     }
