@@ -103,7 +103,7 @@ TEST_F(monitor_interface_lab, sends_on_both_families_with_its_ttl_never_to_itsel
         EXPECT_EQ(heard_id(*far4), id);
     EXPECT_EQ(heard_id(*moved, 1), 14u);
 
-    // Destruction sends what is still queued and ends the threads.
+    // Destruction first sends what is still queued.
     for (node_id id : {21, 22, 23})
         interface->send(peer_message::leave_new(id, 7));
     interface.reset();
