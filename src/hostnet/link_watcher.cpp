@@ -3,6 +3,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netlink/cache.h>
+#include <netlink/errno.h>
 #include <netlink/handlers.h>
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
@@ -60,15 +61,15 @@ bool address_is_usable(const sockaddr* address)
 
 link_watcher::link_watcher(private_tag) {}
 
-std::unique_ptr<link_watcher> link_watcher::create()
+std::unique_ptr<link_watcher> link_watcher::create(int receive_buffer)
 {
     auto watcher = std::make_unique<link_watcher>(private_tag {});
-    if (!watcher->setup())
+    if (!watcher->setup(receive_buffer))
         return nullptr;
     return watcher;
 }
 
-bool link_watcher::setup()
+bool link_watcher::setup(int receive_buffer)
 {
     m_socket = adopt(nl_socket_alloc());
     if (!m_socket)
@@ -80,6 +81,11 @@ bool link_watcher::setup()
         return false;
     if (nl_connect(m_socket.get(), NETLINK_ROUTE) < 0)
         return false;
+    // Beyond the system's limit only a privileged process may go; the limit
+    // then applies.
+    int fd = nl_socket_get_fd(m_socket.get());
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer, sizeof receive_buffer) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
 
     nl_cache* cache = nullptr;
     if (rtnl_link_alloc_cache(m_socket.get(), AF_UNSPEC, &cache) < 0)
@@ -99,7 +105,6 @@ bool link_watcher::setup()
     nl_cache_mngt_provide(m_link_cache.get());
     m_cache_provided = true;
 
-    int fd = nl_socket_get_fd(m_socket.get());
     if (fd < 0)
         return false;
     m_channel = adopt(g_io_channel_unix_new(fd));
@@ -190,9 +195,13 @@ void link_watcher::on_object_trampoline(nl_object* object, void* self)
 
 gboolean link_watcher::on_readable()
 {
-    // A failed receive (an overrun, for instance) is not fatal: the next
-    // notification arrives on the same socket.
-    nl_recvmsgs_default(m_socket.get());
+    // The kernel's ENOBUFS, which the library reports as NLE_NOMEM, means
+    // notifications were lost; any other failed receive is not fatal, the
+    // next notification arrives on the same socket.
+    if (nl_recvmsgs_default(m_socket.get()) == -NLE_NOMEM) {
+        g_warning("Netlink receive buffer overrun, resynchronising");
+        resynchronise();
+    }
     return TRUE;
 }
 
@@ -266,17 +275,34 @@ void link_watcher::refresh_addresses(rtnl_addr* address)
     if (getifaddrs(&list) != 0)
         return;
     g_ptr<ifaddrs> owned = adopt(list);
+    refresh(list, entry->first, entry->second);
+}
 
+// Lost notifications may have changed any interface of the table; links that
+// came or went meanwhile are seen at their next link message, as ever.
+void link_watcher::resynchronise()
+{
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return;
+    g_ptr<ifaddrs> owned = adopt(list);
+    for (auto& [name, state] : m_interfaces)
+        refresh(list, name, state);
+}
+
+// Reports the interface when the snapshot gives it another state.
+void link_watcher::refresh(const ifaddrs* list, const std::string& name, interface_state& stored)
+{
     interface_state fresh;
     fresh.up = TRUE;
     for (const ifaddrs* item = list; item; item = item->ifa_next) {
-        if (item->ifa_name && std::strcmp(item->ifa_name, name) == 0)
+        if (item->ifa_name && name == item->ifa_name)
             store_if_usable(fresh, item->ifa_addr);
     }
-    if (fresh == entry->second)
+    if (fresh == stored)
         return;
-    entry->second = fresh;
-    notify(entry->second, entry->first);
+    stored = fresh;
+    notify(stored, name);
 }
 
 // Listeners are called in id order and the replay goes in name order, the

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 
+struct ifaddrs;
 struct nl_msg;
 struct nl_object;
 struct rtnl_addr;
@@ -41,8 +42,13 @@ public:
     // What add_listener returns when it cannot register.
     static constexpr std::uint32_t no_listener = UINT32_MAX;
 
+    // Large enough for a burst of link and address changes. Where the
+    // system grants less (an unprivileged process gets at most
+    // net.core.rmem_max), an overrun is recovered by resynchronising.
+    static constexpr int default_receive_buffer = 1 << 20;
+
     // Nullptr on failure, having released what it built; logs nothing.
-    static std::unique_ptr<link_watcher> create();
+    static std::unique_ptr<link_watcher> create(int receive_buffer = default_receive_buffer);
 
     explicit link_watcher(private_tag);
     link_watcher(const link_watcher&) = delete;
@@ -65,7 +71,7 @@ private:
     static int on_message_trampoline(nl_msg* message, void* self);
     static void on_object_trampoline(nl_object* object, void* self);
 
-    bool setup();
+    bool setup(int receive_buffer);
     bool take_snapshot();
     gboolean on_readable();
     int on_message(nl_msg* message);
@@ -73,6 +79,8 @@ private:
     void on_new_link(rtnl_link* link);
     void on_removed_link(rtnl_link* link);
     void refresh_addresses(rtnl_addr* address);
+    void resynchronise();
+    void refresh(const ifaddrs* list, const std::string& name, interface_state& stored);
     void notify(const interface_state& state, const std::string& name);
     void remove_source();
 

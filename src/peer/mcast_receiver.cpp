@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace kw {
 
@@ -42,7 +43,7 @@ std::unique_ptr<mcast_receiver> mcast_receiver::create(const std::string& interf
         return nullptr;
     }
 
-    if (!receiver->bind_wildcard(port) || !receiver->join(interface, group))
+    if (!receiver->bind_wildcard(port) || !receiver->join(interface, group) || !receiver->hear_own_interface_only())
         return nullptr;
     return receiver;
 }
@@ -95,6 +96,7 @@ bool mcast_receiver::bind_wildcard(int port)
 bool mcast_receiver::join(const std::string& interface, const std::string& group)
 {
     unsigned index = if_nametoindex(interface.c_str());
+    m_ifindex = index;
     if (is_ipv4()) {
         ip_mreqn request {};
         request.imr_multiaddr.s_addr = inet_addr(group.c_str());
@@ -118,12 +120,52 @@ bool mcast_receiver::join(const std::string& interface, const std::string& group
     return true;
 }
 
-ssize_t mcast_receiver::recv(void* buffer, std::size_t capacity, sockaddr_in* source)
+bool mcast_receiver::hear_own_interface_only()
 {
-    if (!source)
-        return ::recvfrom(m_socket.get(), buffer, capacity, 0, nullptr, nullptr);
-    socklen_t length = sizeof(sockaddr_in);
-    return ::recvfrom(m_socket.get(), buffer, capacity, 0, reinterpret_cast<sockaddr*>(source), &length);
+    // Without it the socket also hears groups that other sockets joined. Its
+    // failure costs only work (older kernels lack it for IPv6): the arrival
+    // interface is checked anyway.
+    int off = 0;
+    int on = 1;
+    int level = is_ipv4() ? IPPROTO_IP : IPPROTO_IPV6;
+    setsockopt(m_socket.get(), level, is_ipv4() ? IP_MULTICAST_ALL : IPV6_MULTICAST_ALL, &off, sizeof off);
+    if (setsockopt(m_socket.get(), level, is_ipv4() ? IP_PKTINFO : IPV6_RECVPKTINFO, &on, sizeof on) != 0) {
+        g_warning("setsockopt() failed when setting %s: %s", is_ipv4() ? "IP_PKTINFO" : "IPV6_RECVPKTINFO",
+                  g_strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+ssize_t mcast_receiver::receive(void* buffer, std::size_t capacity)
+{
+    iovec data {buffer, capacity};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(in_pktinfo))];
+    msghdr header {};
+    header.msg_iov = &data;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    ssize_t received = ::recvmsg(m_socket.get(), &header, MSG_DONTWAIT);
+    if (received < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK ? none_waiting : -1;
+
+    for (cmsghdr* c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
+        unsigned arrival = m_ifindex;
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            arrival = static_cast<unsigned>(info.ipi_ifindex);
+        } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO) {
+            in6_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            arrival = info.ipi6_ifindex;
+        }
+        // An unknown interface name joined by index 0; then any arrival goes.
+        if (m_ifindex != 0 && arrival != m_ifindex)
+            return other_interface;
+    }
+    return received;
 }
 
 } // namespace kw

@@ -13,7 +13,11 @@
 namespace kw {
 
 // A UDP socket bound to the wildcard address and a port, member of one
-// multicast group on one named interface from create until destruction.
+// multicast group on one named interface from create until destruction. It
+// hears only datagrams that arrive on that interface: the kernel hands a
+// wildcard socket the group's datagrams from every interface where any socket
+// joined it (IPv6 even with IPV6_MULTICAST_ALL off), so each datagram's
+// arrival interface is checked.
 class mcast_receiver {
 public:
     // The group must be a numeric address; no name is looked up. Logs each
@@ -27,9 +31,13 @@ public:
 
     int get_fd() const { return m_socket.get(); }
 
-    // What recvfrom() returns. With a source buffer the sender's address is
-    // written there, an IPv6 address cut to the 16 bytes of a sockaddr_in.
-    ssize_t recv(void* buffer, std::size_t capacity, sockaddr_in* source = nullptr);
+    // What receive() gives besides a length, 0 or -1 (an error).
+    static constexpr ssize_t none_waiting = -2;
+    static constexpr ssize_t other_interface = -3;
+
+    // Takes one datagram without waiting. A datagram that arrived on another
+    // interface is consumed and dropped.
+    ssize_t receive(void* buffer, std::size_t capacity);
 
     struct private_tag {
         explicit private_tag() = default;
@@ -40,6 +48,7 @@ private:
     bool is_ipv4() const;
     bool bind_wildcard(int port);
     bool join(const std::string& interface, const std::string& group);
+    bool hear_own_interface_only();
 
     unique_fd m_socket;
     // Its first entry gives the family and the group address.
@@ -47,6 +56,7 @@ private:
     // The requests the group was joined with, kept for leaving it.
     ip_mreqn m_ipv4_membership {};
     ipv6_mreq m_ipv6_membership {};
+    unsigned m_ifindex = 0;
 };
 
 } // namespace kw

@@ -2,17 +2,22 @@
 
 namespace kw {
 
-std::unique_ptr<message_queue> message_queue::create()
+std::unique_ptr<message_queue> message_queue::create(std::size_t capacity)
 {
-    return std::make_unique<message_queue>(private_tag {});
+    return std::make_unique<message_queue>(private_tag {}, capacity);
 }
 
-void message_queue::push(std::unique_ptr<peer_message> message)
+bool message_queue::push(std::unique_ptr<peer_message> message)
 {
     std::lock_guard lock(m_mutex);
+    if (m_items.size() >= m_capacity) {
+        ++m_dropped;
+        return false;
+    }
     m_items.push_back(std::move(message));
     ++m_count;
     m_condition.notify_all();
+    return true;
 }
 
 std::unique_ptr<peer_message> message_queue::pop()

@@ -2,15 +2,26 @@
 
 #include "src/peer/peer_message.hpp"
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
+#include <limits>
 #include <memory>
 #include <mutex>
 
 namespace kw {
 
-// An unbounded first-in-first-out queue of messages shared between threads,
-// with a blocking and a non-blocking pop.
+// The engine's receive queue holds at most this many messages between two
+// ticks. Legitimate traffic stays far below: 256 siblings (the usual
+// MaxHosts) on both families over 4 interfaces would queue 2048 messages even
+// if each announced every 5 s rather than every 55 s. Full, the queue takes
+// about 300 kB.
+inline constexpr std::size_t receive_queue_capacity = 4096;
+
+// A first-in-first-out queue of messages shared between threads, with a
+// blocking and a non-blocking pop, and a capacity beyond which pushes are
+// refused and counted.
 //
 // An empty element (a null unique_ptr) is a wake-up marker: it counts as an
 // element and is handed out by the pops like any other.
@@ -22,14 +33,19 @@ namespace kw {
 // use it have ended.
 class message_queue {
 public:
-    static std::unique_ptr<message_queue> create();
+    static constexpr std::size_t unbounded = std::numeric_limits<std::size_t>::max();
+
+    static std::unique_ptr<message_queue> create(std::size_t capacity = unbounded);
 
     message_queue(const message_queue&) = delete;
     message_queue& operator=(const message_queue&) = delete;
     ~message_queue() = default;
 
     // Appends at the tail and wakes every waiting pop. The message may be null.
-    void push(std::unique_ptr<peer_message> message);
+    // False when the queue is full: the message is freed and counted.
+    bool push(std::unique_ptr<peer_message> message);
+    // The pushes refused since the last call; never waits.
+    std::uint32_t take_dropped() { return m_dropped.exchange(0); }
 
     // Waits until there is an element, then removes and returns the head.
     std::unique_ptr<peer_message> pop();
@@ -59,7 +75,7 @@ public:
     struct private_tag {
         explicit private_tag() = default;
     };
-    explicit message_queue(private_tag) {}
+    message_queue(private_tag, std::size_t capacity) : m_capacity(capacity) {}
 
 private:
     std::unique_ptr<peer_message> take_head();
@@ -69,6 +85,8 @@ private:
     std::deque<std::unique_ptr<peer_message>> m_items;
     // Pops test the count, not the emptiness of the items.
     int m_count = 0;
+    const std::size_t m_capacity;
+    std::atomic<std::uint32_t> m_dropped {0};
 };
 
 } // namespace kw

@@ -1,9 +1,8 @@
 #include "src/peer/monitor_receiver.hpp"
 
 #include <sys/prctl.h>
-#include <sys/select.h>
+#include <poll.h>
 
-#include <algorithm>
 #include <cerrno>
 
 namespace kw {
@@ -85,12 +84,6 @@ void monitor_receiver::set_group(std::uint32_t group)
     m_group = group;
 }
 
-std::uint32_t monitor_receiver::group() const
-{
-    std::lock_guard lock(m_lock);
-    return m_group;
-}
-
 gpointer monitor_receiver::run_thread(gpointer self)
 {
     static_cast<monitor_receiver*>(self)->run();
@@ -102,35 +95,44 @@ void monitor_receiver::run()
     // GLib drops a name longer than the kernel's 15 characters; the kernel cuts it instead.
     prctl(PR_SET_NAME, thread_name);
 
-    const int socket_fd = m_mcast_receiver.get_fd();
-    const int pipe_fd = m_stop_pipe.read_end.get();
+    pollfd waits[] = {{m_mcast_receiver.get_fd(), POLLIN, 0}, {m_stop_pipe.read_end.get(), POLLIN, 0}};
     std::uint8_t buffer[buffer_size];
-    sockaddr_in source;
-
     while (is_running()) {
-        source = {};
-        fd_set readable;
-        FD_ZERO(&readable);
-        FD_SET(socket_fd, &readable);
-        FD_SET(pipe_fd, &readable);
         // The pipe byte is never read: once woken, the test of m_running ends the loop.
-        if (select(std::max(socket_fd, pipe_fd) + 1, &readable, nullptr, nullptr, nullptr) <= 0)
-            continue;
-        if (!FD_ISSET(socket_fd, &readable))
-            continue;
-        // A longer datagram is cut to the buffer's size and then fails to decode.
-        ssize_t received = m_mcast_receiver.recv(buffer, sizeof buffer, &source);
-        if (received == 0)
-            continue;
-        handle(buffer, received);
+        if (poll(waits, 2, -1) > 0 && (waits[0].revents & POLLIN))
+            drain(buffer);
     }
 }
 
-// Rejected datagrams and those of other groups are dropped without a log line.
-void monitor_receiver::handle(const std::uint8_t* data, ssize_t length)
+// Takes what waits in the socket without blocking, up to a batch, so that a
+// flood neither costs a wake-up per datagram nor delays a stop.
+void monitor_receiver::drain(std::uint8_t* buffer)
 {
+    for (int i = 0; i < batch_size; ++i) {
+        std::uint32_t group;
+        {
+            std::lock_guard lock(m_lock);
+            if (!m_running)
+                return;
+            group = m_group;
+        }
+        // A longer datagram is cut to the buffer's size and then fails to decode.
+        ssize_t received = m_mcast_receiver.receive(buffer, buffer_size);
+        if (received == mcast_receiver::none_waiting)
+            return;
+        handle(buffer, received, group);
+    }
+}
+
+// Datagrams of other groups, looked at before a message is made, and rejected
+// datagrams are dropped without a log line; so are those a full queue refuses,
+// which the queue counts.
+void monitor_receiver::handle(const std::uint8_t* data, ssize_t length, std::uint32_t group)
+{
+    if (peer_message::peek_group(data, length) != group)
+        return;
     auto message = peer_message::decode(data, length);
-    if (!message || message->get_group() != group())
+    if (!message)
         return;
     switch (message->get_type()) {
     case ANNOUNCE:

@@ -12,12 +12,14 @@
 namespace kw {
 
 // Owns the receiving thread of one chain: it waits on the chain's
-// mcast_receiver, decodes each datagram, keeps the messages of its sibling
-// group and pushes them onto the engine's receive queue. The socket belongs
+// mcast_receiver, keeps the datagrams of its sibling group, decodes them and
+// pushes the messages onto the engine's receive queue. The socket belongs
 // to the chain and the queue to the engine; both must outlive this object.
 class monitor_receiver {
 public:
     static constexpr std::size_t buffer_size = 1024;
+    // Datagrams read per wake-up at most.
+    static constexpr int batch_size = 64;
 
     // Opens the stop pipe; nullptr when it cannot be made.
     static std::unique_ptr<monitor_receiver> create(mcast_receiver& receiver, message_queue& receive_queue,
@@ -48,8 +50,8 @@ public:
 private:
     static gpointer run_thread(gpointer self);
     void run();
-    std::uint32_t group() const;
-    void handle(const std::uint8_t* data, ssize_t length);
+    void drain(std::uint8_t* buffer);
+    void handle(const std::uint8_t* data, ssize_t length, std::uint32_t group);
 
     mcast_receiver& m_mcast_receiver;
     message_queue& m_receive_queue;

@@ -130,6 +130,13 @@ std::unique_ptr<peer_message> peer_message::decode(const std::uint8_t* data, ssi
     return message;
 }
 
+std::optional<std::uint32_t> peer_message::peek_group(const std::uint8_t* data, ssize_t length)
+{
+    if (data == nullptr || length < 6)
+        return std::nullopt;
+    return read_u32(&data[2]);
+}
+
 void peer_message::print() const
 {
     switch (m_type) {

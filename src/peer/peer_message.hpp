@@ -40,6 +40,9 @@ public:
     // Returns nullptr when the datagram is not acceptable: only type 0 with 32
     // bytes, type 1 with 18 and type 2 with 12 pass, and only version 1.
     static std::unique_ptr<peer_message> decode(const std::uint8_t* data, ssize_t length);
+    // The group number of a datagram, read without making a message; nullopt
+    // when the datagram is too short to hold one.
+    static std::optional<std::uint32_t> peek_group(const std::uint8_t* data, ssize_t length);
 
     std::unique_ptr<peer_message> copy() const;
 

@@ -1,6 +1,7 @@
 #include "src/tracking/monitor.hpp"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <sys/socket.h>
 
 namespace kw {
@@ -58,7 +59,7 @@ bool monitor::start()
 
     create_tables();
     m_interfaces.clear();
-    m_receive_queue = message_queue::create();
+    m_receive_queue = message_queue::create(receive_queue_capacity);
     if (!m_receive_queue)
         g_error("Failed to create receive queue");
 
@@ -253,6 +254,13 @@ void monitor::answer_if_due()
     send_announce();
 }
 
+namespace {
+
+// A tick that freed this many messages gives the heap back to the system.
+constexpr std::size_t heap_trim_after = 256;
+
+} // namespace
+
 bool monitor::process_tick()
 {
     m_answered = false;
@@ -261,7 +269,9 @@ bool monitor::process_tick()
         return true;
 
     // A busy queue lock ends the drain early; the rest waits for the next tick.
+    std::size_t taken = 0;
     while (std::unique_ptr<peer_message> message = m_receive_queue->try_pop()) {
+        ++taken;
         switch (message->get_type()) {
         case ANNOUNCE:
             process_announce(std::move(message));
@@ -275,8 +285,14 @@ bool monitor::process_tick()
         }
     }
 
+    if (std::uint32_t dropped = m_receive_queue->take_dropped())
+        g_warning("Receive queue full, dropped %u messages", dropped);
+
     expire_silent_nodes();
     answer_if_due();
+    // After a flood the freed messages would stay in the process's heap.
+    if (taken >= heap_trim_after)
+        malloc_trim(0);
     return true;
 }
 

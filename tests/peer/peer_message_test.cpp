@@ -1,8 +1,11 @@
-#include "src/peer/peer_message.hpp"
+#include "src/peer/message_queue.hpp"
 #include "tests/support/log_capture.hpp"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
 
 namespace kw {
 namespace {
@@ -10,31 +13,21 @@ namespace {
 using bytes = std::vector<std::uint8_t>;
 
 constexpr node_id example_node = 0x020000123456ULL;
-const bytes announce_bytes = {0x00, 0x01, 0x00, 0x00, 0x00, 0x07, 0x02, 0x00, 0x00, 0x12, 0x34, 0x56, 0xc0, 0xa8, 0x00, 0x5a,
-                              0xfe, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01};
-const bytes dispatched_bytes = {0x01, 0x01, 0x00, 0x00, 0x00, 0x07, 0x02, 0x00, 0x00,
-                                0x12, 0x34, 0x56, 0x02, 0x00, 0x00, 0x00, 0xab, 0xcd};
-const bytes leave_bytes = {0x02, 0x01, 0x00, 0x00, 0x00, 0x07, 0x02, 0x00, 0x00, 0x12, 0x34, 0x56};
+const bytes announce_bytes = {0, 1, 0, 0, 0, 7, 2, 0, 0, 0x12, 0x34, 0x56, 192, 168, 0, 90, 0xfe, 0x80, 0, 0, 0, 0, 0, 0,
+                              0, 0, 0, 0, 0, 0, 0, 1};
+const bytes dispatched_bytes = {1, 1, 0, 0, 0, 7, 2, 0, 0, 0x12, 0x34, 0x56, 2, 0, 0, 0, 0xab, 0xcd};
+const bytes leave_bytes = {2, 1, 0, 0, 0, 7, 2, 0, 0, 0x12, 0x34, 0x56};
 
 std::unique_ptr<peer_message> decode(const bytes& data)
 {
     return peer_message::decode(data.data(), static_cast<ssize_t>(data.size()));
 }
 
-std::unique_ptr<peer_message> announce(node_id id, std::uint32_t group, const char* ipv4, const char* ipv6)
-{
-    in_addr address4 {};
-    in6_addr address6 {};
-    inet_pton(AF_INET, ipv4, &address4);
-    inet_pton(AF_INET6, ipv6, &address6);
-    return peer_message::announce_new(id, group, address4, address6);
-}
-
-// Everything a message carries, as one comparable text.
+// Everything a message carries, as one text.
 std::string fields(const peer_message& m)
 {
-    in_addr ipv4 {};
-    in6_addr ipv6 {};
+    in_addr ipv4;
+    in6_addr ipv6;
     m.get_ipv4(ipv4);
     m.get_ipv6(ipv6);
     char text4[INET_ADDRSTRLEN], text6[INET6_ADDRSTRLEN];
@@ -45,12 +38,13 @@ std::string fields(const peer_message& m)
 
 TEST(peer_message, each_kind_encodes_to_its_wire_bytes_and_decodes_back)
 {
-    struct row {
+    in6_addr fe80_1 = {{{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}};
+    struct {
         std::unique_ptr<peer_message> message;
         bytes wire;
         const char* fields;
     } rows[] = {
-        {announce(example_node, 7, "192.168.0.90", "fe80::1"), announce_bytes,
+        {peer_message::announce_new(example_node, 7, in_addr {htonl(0xc0a8005a)}, fe80_1), announce_bytes,
          "0 v1 g7 2199024448598 -> 0 192.168.0.90 fe80::1"},
         {peer_message::dispatched_new(example_node, 0x02000000abcdULL, 7), dispatched_bytes,
          "1 v1 g7 2199024448598 -> 2199023299533 0.0.0.0 ::"},
@@ -78,15 +72,14 @@ TEST(peer_message, decoder_accepts_only_the_three_type_and_length_pairs_of_versi
         wire[1] = version;
         return wire;
     };
-    const bytes rejected[] = {
-        with(announce_bytes, 32, 0, 2),   with(announce_bytes, 32, 0, 0),   with(announce_bytes, 33, 0, 1),
-        with(announce_bytes, 31, 0, 1),   with(announce_bytes, 32, 1, 1),   with(dispatched_bytes, 19, 1, 1),
-        with(dispatched_bytes, 17, 1, 1), with(dispatched_bytes, 18, 2, 1), with(leave_bytes, 12, 2, 0),
-        with(leave_bytes, 11, 2, 1),      with(leave_bytes, 13, 2, 1),      with(leave_bytes, 12, 3, 1),
-        with(announce_bytes, 32, 255, 1), with(announce_bytes, 1024, 0, 1), {0x02},
-    };
-    for (const auto& wire : rejected)
-        EXPECT_FALSE(decode(wire)) << wire.size() << " bytes, type " << int(wire[0]);
+    for (const auto& wire : {with(announce_bytes, 32, 0, 2), with(announce_bytes, 32, 0, 0),
+                             with(announce_bytes, 33, 0, 1), with(announce_bytes, 31, 0, 1),
+                             with(announce_bytes, 32, 1, 1), with(dispatched_bytes, 19, 1, 1),
+                             with(dispatched_bytes, 17, 1, 1), with(dispatched_bytes, 18, 2, 1),
+                             with(leave_bytes, 12, 2, 0), with(leave_bytes, 11, 2, 1), with(leave_bytes, 13, 2, 1),
+                             with(leave_bytes, 12, 3, 1), with(announce_bytes, 32, 255, 1),
+                             with(announce_bytes, 1024, 0, 1), bytes {2}})
+        EXPECT_FALSE(decode(wire)) << wire.size() << " bytes, type " << int(wire[0]) << ", version " << int(wire[1]);
     EXPECT_FALSE(peer_message::decode(leave_bytes.data(), -1));
     EXPECT_FALSE(peer_message::decode(leave_bytes.data(), 0));
 }
@@ -97,17 +90,67 @@ TEST(peer_message, prints_one_debug_line_without_a_domain_and_pads_ids_to_twelve
     peer_message::leave_new(1, 7)->print();
     peer_message::leave_new(example_node, 7)->print();
     peer_message::dispatched_new(1, example_node, 7)->print();
-    announce(1, 7, "0.0.0.0", "::")->print();
+    peer_message::announce_new(1, 7, in_addr {}, in6_addr {})->print();
     decode(announce_bytes)->print();
-    EXPECT_EQ(log.debugs(), (std::vector<std::string> {
-                                "LEAVE: 000000000001",
-                                "LEAVE: 2199024448598",
-                                "DISPATCHED: 000000000001 -> 2199024448598",
-                                "ANNOUNCE: 000000000001, IPv4: 0.0.0.0, IPv6: ::",
-                                "ANNOUNCE: 2199024448598, IPv4: 192.168.0.90, IPv6: fe80::1",
-                            }));
+    EXPECT_EQ(log.debugs(), (std::vector<std::string> {"LEAVE: 000000000001", "LEAVE: 2199024448598",
+                                                       "DISPATCHED: 000000000001 -> 2199024448598",
+                                                       "ANNOUNCE: 000000000001, IPv4: 0.0.0.0, IPv6: ::",
+                                                       "ANNOUNCE: 2199024448598, IPv4: 192.168.0.90, IPv6: fe80::1"}));
     for (const auto& line : log.lines())
         EXPECT_FALSE(line.has_domain);
+}
+
+node_id id_of(const std::unique_ptr<peer_message>& message)
+{
+    return message ? message->get_node_id() : 0;
+}
+
+TEST(message_queue, hands_out_first_in_first_out_try_pop_never_waits_and_a_full_queue_refuses)
+{
+    auto queue = message_queue::create();
+    EXPECT_EQ(queue->try_pop(), nullptr);
+    for (node_id id : {1, 0, 2, 3})
+        queue->push(id ? peer_message::leave_new(id, 7) : nullptr);
+    EXPECT_EQ(queue->length(), 4);
+    EXPECT_EQ(id_of(queue->pop()), 1u);
+    EXPECT_EQ(queue->pop(), nullptr);
+    EXPECT_EQ(queue->length(), 2);
+
+    // A pop that waits is woken by a push from another thread.
+    std::vector<node_id> popped;
+    std::thread consumer([&] {
+        for (int i = 0; i < 3; ++i)
+            popped.push_back(id_of(queue->pop()));
+    });
+    queue->push(peer_message::leave_new(4, 7));
+    consumer.join();
+    EXPECT_EQ(popped, (std::vector<node_id> {2, 3, 4}));
+
+    queue->push(peer_message::leave_new(5, 7));
+    std::atomic<bool> held {false}, done {false};
+    std::thread holder([&] {
+        auto lock = queue->lock_for_testing();
+        held = true;
+        while (!done)
+            std::this_thread::yield();
+    });
+    while (!held)
+        std::this_thread::yield();
+    EXPECT_EQ(queue->try_pop(), nullptr);
+    done = true;
+    holder.join();
+    EXPECT_EQ(id_of(queue->try_pop()), 5u);
+    EXPECT_EQ(queue->length(), 0);
+
+    // A full queue refuses and counts what comes, until room is made.
+    auto bounded = message_queue::create(2);
+    for (node_id id : {1, 2, 3, 4})
+        EXPECT_EQ(bounded->push(peer_message::leave_new(id, 7)), id <= 2) << id;
+    EXPECT_EQ(bounded->take_dropped(), 2u);
+    EXPECT_EQ(bounded->take_dropped(), 0u);
+    EXPECT_EQ(id_of(bounded->pop()), 1u);
+    EXPECT_TRUE(bounded->push(nullptr));
+    EXPECT_EQ(bounded->length(), 2);
 }
 
 } // namespace

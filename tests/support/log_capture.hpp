@@ -10,8 +10,8 @@
 namespace kw::test {
 
 struct log_line {
-    bool has_domain = false;
-    GLogLevelFlags level = G_LOG_LEVEL_DEBUG;
+    bool has_domain;
+    GLogLevelFlags level;
     std::string message;
 };
 
@@ -20,8 +20,6 @@ struct log_line {
 class log_capture {
 public:
     log_capture() : m_previous(g_log_set_default_handler(&log_capture::on_log, this)) {}
-    log_capture(const log_capture&) = delete;
-    log_capture& operator=(const log_capture&) = delete;
     ~log_capture() { g_log_set_default_handler(m_previous, nullptr); }
 
     std::vector<log_line> lines() const
@@ -42,8 +40,7 @@ public:
     std::vector<std::string> debugs() const { return messages(G_LOG_LEVEL_DEBUG); }
     std::size_t count(GLogLevelFlags level, const std::string& message) const
     {
-        auto all = messages(level);
-        return static_cast<std::size_t>(std::count(all.begin(), all.end(), message));
+        return std::ranges::count(messages(level), message);
     }
     bool contains(GLogLevelFlags level, const std::string& message) const { return count(level, message) > 0; }
     void clear()

@@ -5,16 +5,14 @@
 // its own, and deleted when its object goes out of scope.
 
 #include "platform/g_ptr.hpp"
+#include "platform/unique_fd.hpp"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -28,21 +26,17 @@ inline bool is_root()
 }
 
 #define KW_REQUIRE_ROOT()                                                                          \
-    do {                                                                                           \
-        if (!::kw::test::is_root())                                                                \
-            GTEST_SKIP() << "needs root to create private network namespaces";                      \
-    } while (0)
+    if (!::kw::test::is_root())                                                                    \
+    GTEST_SKIP() << "needs root to create private network namespaces"
 
 // Runs a shell command; its exit status, -1 when it could not run. The
 // output holds what it wrote to stdout and stderr.
 inline int run(const std::string& command, std::string* output = nullptr)
 {
-    std::string line = command + " 2>&1";
-    const char* argv[] = {"sh", "-c", line.c_str(), nullptr};
+    g_ptr<char> line(g_strdup_printf("sh -c %s", g_ptr<char>(g_shell_quote((command + " 2>&1").c_str())).get()));
     char* out = nullptr;
     int status = 0;
-    if (!g_spawn_sync(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
-                      nullptr, &status, nullptr))
+    if (!g_spawn_command_line_sync(line.get(), &out, nullptr, &status, nullptr))
         return -1;
     g_ptr<char> owned(out);
     if (output)
@@ -91,12 +85,9 @@ public:
     int exec(const std::string& command, std::string* output = nullptr) const { return run(inside(command), output); }
     bool must_exec(const std::string& command) const { return must(inside(command)); }
     // Until then the kernel drops what is sent there while sendto() succeeds.
-    bool wait_until_up(const std::string& interface) const
+    bool wait_until_up(const std::string& link) const
     {
-        bool up = wait_until([&] { return exec("ip -o link show dev " + interface + " | grep -q 'state UP'") == 0; });
-        if (!up)
-            ADD_FAILURE() << interface << " in " << m_name << " did not come up";
-        return up;
+        return wait_until([&] { return exec("ip -o link show dev " + link + " | grep -q 'state UP'") == 0; });
     }
 
 private:
@@ -116,38 +107,31 @@ class netns_enter {
 public:
     explicit netns_enter(const netns& ns) : m_saved(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC))
     {
-        int target = ::open(("/run/netns/" + ns.name()).c_str(), O_RDONLY | O_CLOEXEC);
-        if (target < 0 || setns(target, CLONE_NEWNET) != 0) {
+        unique_fd target(::open(("/run/netns/" + ns.name()).c_str(), O_RDONLY | O_CLOEXEC));
+        if (!target || setns(target.get(), CLONE_NEWNET) != 0) {
             ADD_FAILURE() << "cannot enter network namespace " << ns.name();
-            ::close(std::exchange(m_saved, -1));
+            m_saved.reset();
         }
-        ::close(target);
     }
-    netns_enter(const netns_enter&) = delete;
-    netns_enter& operator=(const netns_enter&) = delete;
     ~netns_enter()
     {
         // A test thread left in a private namespace would spoil every later test.
-        if (m_saved >= 0 && setns(m_saved, CLONE_NEWNET) != 0)
+        if (m_saved && setns(m_saved.get(), CLONE_NEWNET) != 0)
             std::abort();
-        ::close(m_saved);
     }
-    bool ok() const { return m_saved >= 0; }
+    bool ok() const { return m_saved.valid(); }
 
 private:
-    int m_saved;
+    unique_fd m_saved;
 };
 
 struct lab_host {
     std::unique_ptr<netns> ns;
-    std::string ipv4; // "10.77.0.<n>"
-    std::string ipv6; // "fd77::<n>"
-    std::string mac;  // "02:00:00:00:00:<nn>"
 };
 
 // A bridge namespace ("br0", multicast snooping off so every group is
-// flooded) and hosts 1..N, each with an "eth0" on it carrying the addresses
-// above. Ready once every link really transmits.
+// flooded) and hosts 1..N, each with an "eth0" on it holding 10.77.0.<n>/24
+// and fd77::<n>/64. Ready once every link really transmits.
 class netns_lab {
 public:
     explicit netns_lab(int hosts) : m_bridge("br")
@@ -156,16 +140,13 @@ public:
             return;
         for (int i = 1; i <= hosts; ++i) {
             std::string n = std::to_string(i);
-            char mac[32];
-            std::snprintf(mac, sizeof mac, "02:00:00:00:00:%02x", i);
-            lab_host host {std::make_unique<netns>("h" + n), "10.77.0." + n, "fd77::" + n, mac};
+            lab_host host {std::make_unique<netns>("h" + n)};
             // Both ends are made in the bridge namespace, then the host end moves.
             if (!host.ns->ok() ||
                 !m_bridge.must_exec("ip link add vh" + n + " type veth peer name vb" + n + " && ip link set vb" + n +
                                     " master br0 up && ip link set vh" + n + " netns " + host.ns->name()) ||
-                !host.ns->must_exec("ip link set vh" + n + " name eth0 && ip link set eth0 address " + host.mac +
-                                    " && ip addr add " + host.ipv4 + "/24 dev eth0 && ip -6 addr add " + host.ipv6 +
-                                    "/64 dev eth0 nodad && ip link set eth0 up") ||
+                !host.ns->must_exec("ip link set vh" + n + " name eth0 && ip addr add 10.77.0." + n +
+                                    "/24 dev eth0 && ip -6 addr add fd77::" + n + "/64 dev eth0 nodad && ip link set eth0 up") ||
                 !host.ns->wait_until_up("eth0") || !m_bridge.wait_until_up("vb" + n))
                 return;
             m_hosts.push_back(std::move(host));

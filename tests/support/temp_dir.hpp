@@ -1,6 +1,6 @@
 #pragma once
 
-#include <glib.h>
+#include "platform/g_ptr.hpp"
 
 #include <filesystem>
 #include <fstream>
@@ -13,21 +13,19 @@ namespace kw::test {
 // everything in it at scope end.
 class temp_dir {
 public:
-    temp_dir() : m_path((std::filesystem::temp_directory_path() / "kwt-XXXXXX").string())
+    temp_dir()
     {
-        if (!g_mkdtemp(m_path.data()))
-            m_path.clear();
+        g_ptr<char> made(g_dir_make_tmp("kwt-XXXXXX", nullptr));
+        m_path = made ? made.get() : "/nonexistent";
     }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
     ~temp_dir()
     {
         std::error_code ignored;
-        if (ok())
-            std::filesystem::remove_all(m_path, ignored);
+        std::filesystem::remove_all(m_path, ignored);
     }
 
-    bool ok() const { return !m_path.empty(); }
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + "/" + name; }
     // Writes a file below the directory and returns its path.
@@ -40,9 +38,7 @@ public:
     std::optional<std::string> read(const std::string& name) const
     {
         std::ifstream in(file(name), std::ios::binary);
-        if (!in)
-            return std::nullopt;
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        return in ? std::optional(std::string(std::istreambuf_iterator<char>(in), {})) : std::nullopt;
     }
 
 private:

@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# A flood at one lab camera: COUNT ANNOUNCEs of its group with random node
+# ids and COUNT junk datagrams, over IPv4 and IPv6, in SECONDS, sent from a
+# second camera's namespace (its kinwatch stopped). Prints camera 1's
+# resident size, threads and descriptors before, right after and a while
+# after the flood, its node counts, whether its bus still answers, and its
+# warnings. Needs root; builds nothing.
+#   bench/flood.sh [--binary PATH] [COUNT] [SECONDS]
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+binary=$root/build/plain/src/frame/kinwatch
+if [[ ${1:-} == --binary ]]; then binary=$2; shift 2; fi
+count=${1:-200000}
+seconds=${2:-5}
+lab() { "$root/scripts/lab" --name flood "$@"; }
+
+lab up 2 --binary "$binary" >/dev/null
+trap 'lab down >/dev/null' EXIT
+lab stop 2
+sleep 12 # a couple of ticks: camera 1 settles
+read -r pid _ </tmp/kinwatch-lab-flood/c1/kinwatch.pid
+figures() {
+  printf '%-12s rss %6s kB  threads %3s  descriptors %3s  known %3s  lost %3s\n' "$1" \
+    "$(awk '/VmRSS/ {print $2}' /proc/$pid/status)" "$(ls /proc/$pid/task | wc -l)" \
+    "$(ls /proc/$pid/fd | wc -l)" "$(lab nodes 1 | wc -l)" "$(lab nodes 1 --lost | wc -l)"
+  echo "             threads: $(sort /proc/$pid/task/*/comm | uniq -c | tr -s ' \n' ' ')"
+}
+figures before
+ip netns exec kwlab-flood-c2 python3 - "$count" "$seconds" <<'PY'
+import os, random, socket, struct, sys, time
+count, seconds = int(sys.argv[1]), float(sys.argv[2])
+targets = [(socket.AF_INET, ("239.255.78.1", 21845)), (socket.AF_INET6, ("ff05::78", 21845))]
+sockets = []
+for family, target in targets:
+    s = socket.socket(family, socket.SOCK_DGRAM)
+    if family == socket.AF_INET:
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, struct.pack("4s4si", bytes(4), bytes(4), socket.if_nametoindex("eth0")))
+    else:
+        s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, struct.pack("i", socket.if_nametoindex("eth0")))
+    sockets.append((s, target))
+start = time.monotonic()
+for i in range(count):
+    s, target = sockets[i % 2]
+    node = random.getrandbits(48).to_bytes(6, "big")
+    s.sendto(b"\x00\x01\x00\x00\x00\x01" + node + bytes([10, 78, 0, 2]) + bytes(16), target)
+    s.sendto(os.urandom(1 + i % 64), target)
+    if i % 1000 == 0:
+        ahead = start + seconds * i / count - time.monotonic()
+        if ahead > 0:
+            time.sleep(ahead)
+print(f"sent {2 * count} datagrams in {time.monotonic() - start:.1f} s")
+PY
+figures after
+sleep 12
+figures "12 s later"
+lab get 1 TTL >/dev/null && echo "bus answers"
+lab log 1 | grep -i warning | sort | uniq -c | sort -rn | head
