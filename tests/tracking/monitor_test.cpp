@@ -211,6 +211,13 @@ TEST_F(monitor_test, max_hosts_bounds_both_tables)
     engine.process_tick();
     EXPECT_EQ(place(engine, 0x63), "none");
     EXPECT_EQ(events("SiblingDisconnected"), 1u);
+
+    for (std::size_t i = 0; i < receive_queue_capacity + 5; ++i) // a flood: the queue refuses the last five
+        cam.inject_announce(0x64);
+    engine.process_tick();
+    engine.process_tick();
+    EXPECT_EQ(m_log.warnings().back(), "Receive queue full, dropped 5 messages");
+    EXPECT_EQ(m_log.count(G_LOG_LEVEL_WARNING, "Receive queue full, dropped 5 messages"), 1u);
 }
 
 TEST_F(monitor_test, refused_disabled_and_stopped_starts_and_a_tick_without_interfaces)
