@@ -86,7 +86,13 @@ bool monitor::start()
         g_error("Failed to setup netlink");
     }
 
-    m_process_timer_id = g_timeout_add_seconds(process_period_seconds, &monitor::process_tick_trampoline, this);
+    // Second-granularity timers fire at the same instant of the second in
+    // every process on a host, so a sibling's answer would land just after
+    // the newcomer's own tick and wait a whole period. With fast join the
+    // tick keeps the phase of this start instead.
+    m_process_timer_id = m_environment.fast_join
+                             ? g_timeout_add(process_period_seconds * 1000, &monitor::process_tick_trampoline, this)
+                             : g_timeout_add_seconds(process_period_seconds, &monitor::process_tick_trampoline, this);
     m_announce_timer_id =
         g_timeout_add_seconds(announce_period_seconds, &monitor::announce_tick_trampoline, this);
 
