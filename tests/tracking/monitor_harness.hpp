@@ -22,7 +22,7 @@ inline constexpr int lab_port = 21844;
 inline constexpr std::uint32_t lab_group = 7;
 
 struct camera_options {
-    bool enabled = true, running = true;
+    bool enabled = true, running = true, fast_join = false;
     int ttl = 1, max_hosts = 16;
     std::uint32_t group = lab_group;
     node_id id = 0x020000000001ULL;
@@ -38,7 +38,7 @@ inline std::string settings_text(const camera_options& o)
 
 class camera {
 public:
-    explicit camera(camera_options options = {}) : m_group(options.group)
+    explicit camera(camera_options options = {}) : m_group(options.group), m_fast_join(options.fast_join)
     {
         m_dir.write("kinwatch.conf", settings_text(options));
         g_mkdir_with_parents(m_dir.file("sys/eth0").c_str(), 0755);
@@ -55,7 +55,8 @@ public:
         if (ns)
             inside.emplace(*ns);
         m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"),
-                                                  [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; }});
+                                                  [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; },
+                                                  m_fast_join});
         return m_monitor.get();
     }
     monitor* engine() { return m_monitor.get(); }
@@ -77,6 +78,7 @@ public:
 
 private:
     std::uint32_t m_group;
+    bool m_fast_join;
     temp_dir m_dir;
     g_ptr<GDateTime> m_wall = adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0));
     gint64 m_monotonic = 7 * G_TIME_SPAN_DAY; // as long after boot as any real reading

@@ -186,6 +186,32 @@ TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
     EXPECT_EQ(heard(*probes[1], 6), sent + "L 8/9 1, ");
 }
 
+// Learning two nodes in a tick, and a DISPATCHED naming this node, each make
+// one answer with fast join; a refresh makes none, and the plain monitor never answers.
+TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself_declared_lost)
+{
+    for (bool fast_join : {false, true}) {
+        std::unique_ptr<probe> listener;
+        {
+            netns_enter inside(*m_lab->host(1).ns);
+            ASSERT_TRUE(listener = probe::open("eth0", lab_ipv4_group, lab_port));
+        }
+        camera cam({.fast_join = fast_join, .id = 1});
+        monitor& engine = start(cam);
+        cam.inject_announce(3), cam.inject_announce(4);
+        engine.process_tick();
+        cam.inject_announce(3);
+        engine.process_tick();
+        cam.inject(peer_message::dispatched_new(3, 1, lab_group));
+        engine.process_tick();
+        const std::string announce = "A 7 1 at 10.77.0.1 fd77::1, ";
+        EXPECT_EQ(heard(*listener, fast_join ? 3 : 1),
+                  fast_join ? announce + announce + "A 7/1 1 at 10.77.0.1 fd77::1, " : announce);
+        engine.stop();
+        EXPECT_EQ(heard(*listener, 1), "L 7 1, ") << "nothing else was sent";
+    }
+}
+
 TEST_F(monitor_test, max_hosts_bounds_both_tables)
 {
     camera cam({.max_hosts = 1});
