@@ -102,6 +102,7 @@ public:
         if (m_saved && setns(m_saved.get(), CLONE_NEWNET) != 0)
             std::abort();
     }
+    bool ok() const { return m_saved.valid(); }
 
 private:
     unique_fd m_saved;
