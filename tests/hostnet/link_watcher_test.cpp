@@ -25,8 +25,8 @@ void record(std::uint32_t id, const interface_state& s, const char* name, void* 
 TEST(link_watcher, usable_addresses_exclude_unspecified_and_link_local)
 {
     for (auto [text, usable] : {std::pair {"192.168.1.10", true}, {"0.0.0.0", false}, {"169.254.7.7", false},
-                                {"169.253.0.1", true}, {"170.254.0.1", true}, {"fd00::1", true}, {"::", false},
-                                {"fe80::1", false}, {"febf::1", false}, {"fec0::1", true}, {"fe7f::1", true}}) {
+                                {"169.253.0.1", true}, {"169.255.0.1", true}, {"170.254.0.1", true}, {"fd00::1", true},
+                                {"::", false}, {"fe80::1", false}, {"febf::1", false}, {"fec0::1", true}, {"fe7f::1", true}}) {
         addrinfo hints {AI_NUMERICHOST}, *found = nullptr;
         ASSERT_EQ(getaddrinfo(text, nullptr, &hints, &found), 0) << text;
         EXPECT_EQ(address_is_usable(adopt(found)->ai_addr), usable) << text;
