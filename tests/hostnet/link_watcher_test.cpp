@@ -25,8 +25,8 @@ void record(std::uint32_t id, const interface_state& s, const char* name, void* 
 TEST(link_watcher, usable_addresses_exclude_unspecified_and_link_local)
 {
     for (auto [text, usable] : {std::pair {"192.168.1.10", true}, {"0.0.0.0", false}, {"169.254.7.7", false},
-                                {"169.253.0.1", true}, {"170.254.0.1", true}, {"fd00::1", true}, {"::", false},
-                                {"fe80::1", false}, {"febf::1", false}, {"fec0::1", true}, {"fe7f::1", true}}) {
+                                {"169.253.0.1", true}, {"169.255.0.1", true}, {"170.254.0.1", true}, {"fd00::1", true},
+                                {"::", false}, {"fe80::1", false}, {"febf::1", false}, {"fec0::1", true}, {"fe7f::1", true}}) {
         addrinfo hints {AI_NUMERICHOST}, *found = nullptr;
         ASSERT_EQ(getaddrinfo(text, nullptr, &hints, &found), 0) << text;
         EXPECT_EQ(address_is_usable(adopt(found)->ai_addr), usable) << text;
@@ -39,8 +39,7 @@ TEST(link_watcher, reports_multicast_links_and_their_usable_addresses_to_its_lis
 {
     KW_REQUIRE_ROOT();
     test::netns ns("lw");
-    // The peers have multicast off, so they are never reported; va has no
-    // carrier until vb comes up.
+    // Peers have multicast off, so are never reported; va has no carrier until vb is up.
     ASSERT_TRUE(ns.must_exec("ip link add eth0 type veth peer name eth0p && ip link add va type veth peer name vb && "
                              "for l in eth0 eth0p va vb; do ip link set $l addrgenmode none multicast off; done && "
                              "ip link set eth0 multicast on up && ip link set eth0p up && ip link set va multicast on up "
@@ -56,13 +55,12 @@ TEST(link_watcher, reports_multicast_links_and_their_usable_addresses_to_its_lis
     std::vector<std::string> first, second;
     EXPECT_EQ(watcher->add_listener(&record, &first), 1u);
     EXPECT_EQ(watcher->add_listener(&record, &second), 2u);
-    EXPECT_EQ(first, std::vector<std::string> {"#1 eth0 up 192.168.1.10 !::"});
+    std::vector<std::string> expected {"#1 eth0 up 192.168.1.10 !::"};
+    EXPECT_EQ(first, expected);
     EXPECT_EQ(second, std::vector<std::string> {"#2 eth0 up 192.168.1.10 !::"});
-    watcher->remove_listener(2);
-    watcher->remove_listener(99);
+    watcher->remove_listener(2), watcher->remove_listener(99);
 
-    // Each change and the report it brings, if any. The kernel reports in
-    // order, so a report for a quiet change would show before the next one.
+    // Each change and its reports; one for a quiet change would show before the next.
     struct {
         const char* command;
         std::vector<std::string> reports;
@@ -75,33 +73,25 @@ TEST(link_watcher, reports_multicast_links_and_their_usable_addresses_to_its_lis
         {"ip addr del 192.168.1.10/24 dev eth0", {"#1 eth0 up !0.0.0.0 fd00::1"}},
         // Down by itself is no report; losing the IPv6 addresses with it is.
         {"ip link set eth0 down", {"#1 eth0 up !0.0.0.0 !::"}},
-        // Removed and made again before the watcher reads: the removal keeps the
-        // last addresses, the new link enters afresh.
+        // Removed and made again before the watcher reads: the removal keeps the last addresses.
         {"ip link del va && ip link add va type veth peer name vb && ip link set vb multicast off up && "
          "ip addr add 10.1.0.2/24 dev va && ip link set va up",
          {"#1 va down !10.1.0.2 !::", "#1 va down !0.0.0.0 !::"}},
-        // A link made after the watcher enters, but the link cache does not know its addresses.
+        // A link made later enters, but its addresses stay unknown to the link cache.
         {"ip link add vc type veth peer name vd && ip link set vd multicast off up && ip link set vc up", {"#1 vc down !0.0.0.0 !::"}},
         {"ip addr add 10.2.0.1/24 dev vc", {}},
         {"ip addr add 192.168.1.11/24 dev eth0", {"#1 eth0 up 192.168.1.11 !::"}},
     };
-    std::vector<std::string> expected = first;
     for (const auto& r : rows) {
         ASSERT_TRUE(ns.must_exec(r.command));
         expected.insert(expected.end(), r.reports.begin(), r.reports.end());
-        EXPECT_TRUE(test::wait_until([&] {
-            while (g_main_context_iteration(nullptr, FALSE)) {
-            }
-            return first.size() >= expected.size();
-        })) << r.command;
+        test::wait_until([&] { return !g_main_context_iteration(nullptr, FALSE) && first.size() >= expected.size(); });
         EXPECT_EQ(first, expected) << r.command;
     }
     EXPECT_EQ(second.size(), 1u);
 
-    // A second watcher, its buffer far too small for the burst below: the
-    // first left no watch on the descriptor it closed, and what the burst
-    // makes it lose is made up for. Notifications for a link it does not
-    // report fill the buffer; those of the last change are lost.
+    // The first watcher leaves no watch nor descriptor. A second, its buffer far too
+    // small, loses the last change after a burst on a link it does not report.
     void* first_watcher = watcher.get();
     watcher.reset();
     EXPECT_EQ(g_main_context_find_source_by_user_data(nullptr, first_watcher), nullptr);

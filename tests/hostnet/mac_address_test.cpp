@@ -22,7 +22,7 @@ TEST(mac_address, reads_the_sysfs_line_parses_it_and_formats_ids_in_lower_case)
         {"80:00:02:08:fe:80:00:00:00:00:00:00:00:02:c9:03:00:0a:0b:0c\n", "80:00:02:08:fe:80", 0x80000208fe80ULL},
         // Leading blanks are skipped and a field without digits reads as 0.
         {" 1:zz:3:4:5:6\n", " 1:zz:3:4:5:6\n", 0x010003040506ULL},
-        {"ab:cd\n", "ab:cd\n", std::nullopt},
+        {"ab:cd:ef:01:23\n", "ab:cd:ef:01:23\n", std::nullopt},
         {"\n", "\n", std::nullopt},
         {"", std::nullopt, std::nullopt},
     };

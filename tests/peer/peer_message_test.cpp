@@ -23,29 +23,20 @@ std::unique_ptr<peer_message> decode(const bytes& data)
     return peer_message::decode(data.data(), static_cast<ssize_t>(data.size()));
 }
 
-// Everything a message carries, as one text.
-std::string fields(const peer_message& m)
+node_id id_of(const std::unique_ptr<peer_message>& message)
 {
-    in_addr ipv4;
-    in6_addr ipv6;
-    m.get_ipv4(ipv4);
-    m.get_ipv6(ipv6);
-    char text4[INET_ADDRSTRLEN], text6[INET6_ADDRSTRLEN];
-    return std::to_string(m.get_type()) + " v" + std::to_string(m.get_version()) + " g" + std::to_string(m.get_group()) +
-           " " + std::to_string(m.get_node_id()) + " -> " + std::to_string(m.get_dispatched_node_id()) + " " +
-           inet_ntop(AF_INET, &ipv4, text4, sizeof text4) + " " + inet_ntop(AF_INET6, &ipv6, text6, sizeof text6);
+    return message ? message->get_node_id() : 0;
 }
 
 TEST(peer_message, each_kind_encodes_to_its_wire_bytes_and_decodes_back)
 {
-    in6_addr fe80_1 = {{{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}};
     struct {
         std::unique_ptr<peer_message> message;
         bytes wire;
-        const char* fields;
+        const char* fields; // all a message carries
     } rows[] = {
-        {peer_message::announce_new(example_node, 7, in_addr {htonl(0xc0a8005a)}, fe80_1), announce_bytes,
-         "0 v1 g7 2199024448598 -> 0 192.168.0.90 fe80::1"},
+        {peer_message::announce_new(example_node, 7, in_addr {htonl(0xc0a8005a)}, {{{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}}),
+         announce_bytes, "0 v1 g7 2199024448598 -> 0 192.168.0.90 fe80::1"},
         {peer_message::dispatched_new(example_node, 0x02000000abcdULL, 7), dispatched_bytes,
          "1 v1 g7 2199024448598 -> 2199023299533 0.0.0.0 ::"},
         {peer_message::leave_new(example_node, 7), leave_bytes, "2 v1 g7 2199024448598 -> 0 0.0.0.0 ::"},
@@ -53,33 +44,34 @@ TEST(peer_message, each_kind_encodes_to_its_wire_bytes_and_decodes_back)
         {peer_message::dispatched_new(0xabcd020000123456ULL, 0xffff02000000abcdULL, 7), dispatched_bytes,
          "1 v1 g7 2199024448598 -> 2199023299533 0.0.0.0 ::"},
         {peer_message::dispatched_new(0x010203040506ULL, 0x0a0b0c0d0e0fULL, 0x01020304),
-         {1, 1, 1, 2, 3, 4, 1, 2, 3, 4, 5, 6, 10, 11, 12, 13, 14, 15},
-         "1 v1 g16909060 1108152157446 -> 11042563100175 0.0.0.0 ::"},
+         {1, 1, 1, 2, 3, 4, 1, 2, 3, 4, 5, 6, 10, 11, 12, 13, 14, 15}, "1 v1 g16909060 1108152157446 -> 11042563100175 0.0.0.0 ::"},
     };
     for (const auto& r : rows) {
         EXPECT_EQ(r.message->copy()->encode(), r.wire) << r.fields;
-        auto decoded = decode(r.wire);
-        ASSERT_TRUE(decoded) << r.fields;
-        EXPECT_EQ(fields(*decoded), r.fields);
+        auto m = decode(r.wire);
+        ASSERT_TRUE(m) << r.fields;
+        in_addr ipv4;
+        in6_addr ipv6;
+        m->get_ipv4(ipv4), m->get_ipv6(ipv6);
+        char text4[INET_ADDRSTRLEN], text6[INET6_ADDRSTRLEN];
+        EXPECT_EQ(std::to_string(m->get_type()) + " v" + std::to_string(m->get_version()) + " g" + std::to_string(m->get_group()) +
+                      " " + std::to_string(m->get_node_id()) + " -> " + std::to_string(m->get_dispatched_node_id()) + " " +
+                      inet_ntop(AF_INET, &ipv4, text4, sizeof text4) + " " + inet_ntop(AF_INET6, &ipv6, text6, sizeof text6),
+                  r.fields);
     }
 }
 
 TEST(peer_message, decoder_accepts_only_the_three_type_and_length_pairs_of_version_1)
 {
-    auto with = [](bytes wire, std::size_t length, std::uint8_t type, std::uint8_t version) {
-        wire.resize(length, 0);
-        wire[0] = type;
-        wire[1] = version;
-        return wire;
-    };
-    for (const auto& wire : {with(announce_bytes, 32, 0, 2), with(announce_bytes, 32, 0, 0),
-                             with(announce_bytes, 33, 0, 1), with(announce_bytes, 31, 0, 1),
-                             with(announce_bytes, 32, 1, 1), with(dispatched_bytes, 19, 1, 1),
-                             with(dispatched_bytes, 17, 1, 1), with(dispatched_bytes, 18, 2, 1),
-                             with(leave_bytes, 12, 2, 0), with(leave_bytes, 11, 2, 1), with(leave_bytes, 13, 2, 1),
-                             with(leave_bytes, 12, 3, 1), with(announce_bytes, 32, 255, 1),
-                             with(announce_bytes, 1024, 0, 1), bytes {2}})
-        EXPECT_FALSE(decode(wire)) << wire.size() << " bytes, type " << int(wire[0]) << ", version " << int(wire[1]);
+    for (auto [wire, length, type, version] :
+         {std::tuple {announce_bytes, 32, 0, 2}, {announce_bytes, 32, 0, 0}, {announce_bytes, 33, 0, 1}, {announce_bytes, 31, 0, 1},
+          {announce_bytes, 32, 1, 1}, {dispatched_bytes, 19, 1, 1}, {dispatched_bytes, 17, 1, 1}, {dispatched_bytes, 18, 2, 1},
+          {leave_bytes, 12, 2, 0}, {leave_bytes, 11, 2, 1}, {leave_bytes, 13, 2, 1}, {leave_bytes, 12, 3, 1},
+          {announce_bytes, 32, 255, 1}, {announce_bytes, 1024, 0, 1}, {leave_bytes, 1, 2, 1}}) {
+        wire[0] = std::uint8_t(type), wire[1] = std::uint8_t(version);
+        wire.resize(static_cast<std::size_t>(length), 0);
+        EXPECT_FALSE(decode(wire)) << length << " bytes, type " << type << ", version " << version;
+    }
     EXPECT_FALSE(peer_message::decode(leave_bytes.data(), -1));
     EXPECT_FALSE(peer_message::decode(leave_bytes.data(), 0));
 }
@@ -92,30 +84,24 @@ TEST(peer_message, prints_one_debug_line_without_a_domain_and_pads_ids_to_twelve
     peer_message::dispatched_new(1, example_node, 7)->print();
     peer_message::announce_new(1, 7, in_addr {}, in6_addr {})->print();
     decode(announce_bytes)->print();
-    EXPECT_EQ(log.debugs(), (std::vector<std::string> {"LEAVE: 000000000001", "LEAVE: 2199024448598",
-                                                       "DISPATCHED: 000000000001 -> 2199024448598",
-                                                       "ANNOUNCE: 000000000001, IPv4: 0.0.0.0, IPv6: ::",
-                                                       "ANNOUNCE: 2199024448598, IPv4: 192.168.0.90, IPv6: fe80::1"}));
+    EXPECT_EQ(log.messages(G_LOG_LEVEL_DEBUG),
+              (std::vector<std::string> {"LEAVE: 000000000001", "LEAVE: 2199024448598", "DISPATCHED: 000000000001 -> 2199024448598",
+                                         "ANNOUNCE: 000000000001, IPv4: 0.0.0.0, IPv6: ::",
+                                         "ANNOUNCE: 2199024448598, IPv4: 192.168.0.90, IPv6: fe80::1"}));
     for (const auto& line : log.lines())
         EXPECT_FALSE(line.has_domain);
-}
-
-node_id id_of(const std::unique_ptr<peer_message>& message)
-{
-    return message ? message->get_node_id() : 0;
 }
 
 TEST(message_queue, hands_out_first_in_first_out_try_pop_never_waits_and_a_full_queue_refuses)
 {
     auto queue = message_queue::create();
     EXPECT_EQ(queue->try_pop(), nullptr);
-    for (node_id id : {1, 0, 2, 3})
+    for (node_id id : {1, 0, 2, 3}) // 0: a wake-up marker
         queue->push(id ? peer_message::leave_new(id, 7) : nullptr);
     EXPECT_EQ(queue->length(), 4);
     EXPECT_EQ(id_of(queue->pop()), 1u);
     EXPECT_EQ(queue->pop(), nullptr);
     EXPECT_EQ(queue->length(), 2);
-
     // A pop that waits is woken by a push from another thread.
     std::vector<node_id> popped;
     std::thread consumer([&] {
@@ -127,17 +113,16 @@ TEST(message_queue, hands_out_first_in_first_out_try_pop_never_waits_and_a_full_
     EXPECT_EQ(popped, (std::vector<node_id> {2, 3, 4}));
 
     queue->push(peer_message::leave_new(5, 7));
-    std::atomic<bool> held {false}, done {false};
+    std::atomic<int> step {0};
     std::thread holder([&] {
         auto lock = queue->lock_for_testing();
-        held = true;
-        while (!done)
+        for (step = 1; step == 1;)
             std::this_thread::yield();
     });
-    while (!held)
+    while (step == 0)
         std::this_thread::yield();
     EXPECT_EQ(queue->try_pop(), nullptr);
-    done = true;
+    step = 2;
     holder.join();
     EXPECT_EQ(id_of(queue->try_pop()), 5u);
     EXPECT_EQ(queue->length(), 0);

@@ -1,7 +1,7 @@
 #pragma once
 
-// A receiving socket, made inside a test namespace, that hears one group on
-// one interface and reports the TTL (hop limit) each datagram arrived with.
+// A socket of a test namespace that hears one group on one interface and
+// tells the TTL (hop limit) each datagram arrived with.
 
 #include "src/peer/mcast_receiver.hpp"
 #include "tests/support/netns.hpp"
@@ -23,17 +23,14 @@ public:
     static std::unique_ptr<probe> open(const std::string& interface, const std::string& group, int port)
     {
         auto result = std::make_unique<probe>();
-        result->m_socket = mcast_receiver::create(interface, group, port);
-        if (!result->m_socket)
+        if (!(result->m_socket = mcast_receiver::create(interface, group, port)))
             return nullptr;
-        int on = 1, off = 0, fd = result->m_socket->get_fd();
-        bool ipv4 = group.find(':') == std::string::npos;
-        // Without it a wildcard socket also hears groups other sockets joined.
-        setsockopt(fd, ipv4 ? IPPROTO_IP : IPPROTO_IPV6, ipv4 ? IP_MULTICAST_ALL : IPV6_MULTICAST_ALL, &off, sizeof off);
-        setsockopt(fd, ipv4 ? IPPROTO_IP : IPPROTO_IPV6, ipv4 ? IP_RECVTTL : IPV6_RECVHOPLIMIT, &on, sizeof on);
+        int on = 1, off = 0, fd = result->m_socket->get_fd(), level = group.find(':') == std::string::npos ? IPPROTO_IP : IPPROTO_IPV6;
+        // Else a wildcard socket also hears the groups other sockets joined.
+        setsockopt(fd, level, level == IPPROTO_IP ? IP_MULTICAST_ALL : IPV6_MULTICAST_ALL, &off, sizeof off);
+        setsockopt(fd, level, level == IPPROTO_IP ? IP_RECVTTL : IPV6_RECVHOPLIMIT, &on, sizeof on);
         return result;
     }
-
     // The next datagram, waiting up to 10 s.
     std::optional<datagram> receive()
     {
@@ -51,8 +48,7 @@ public:
                 std::memcpy(&out.ttl, CMSG_DATA(c), sizeof out.ttl);
         return out;
     }
-
-    // True when no datagram is waiting at this instant.
+    // No datagram waits at this instant.
     bool idle() const
     {
         pollfd wait {m_socket->get_fd(), POLLIN, 0};

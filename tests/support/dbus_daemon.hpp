@@ -11,22 +11,18 @@
 
 namespace kw::test {
 
-// A private message bus set up like the system bus, with the service's own
-// policy (see system-bus.conf). While it lives, DBUS_SYSTEM_BUS_ADDRESS
-// points at it, so G_BUS_TYPE_SYSTEM reaches it. GIO keeps one system bus
-// connection per process, so only one of these may live at a time.
+// A private bus with the service's policy (system-bus.conf), reached as the
+// system bus while it lives; GIO keeps one per process, so one at a time.
 class dbus_daemon {
 public:
     dbus_daemon()
     {
         g_ptr<GSubprocessLauncher> launcher = adopt(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
-        // A daemon left behind by a test that crashed would outlive it otherwise.
         g_subprocess_launcher_set_child_setup(launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); },
                                               nullptr, nullptr);
         m_process = adopt(g_subprocess_launcher_spawn(launcher.get(), nullptr, "dbus-daemon", "--nofork", "--nosyslog",
                                                       "--print-address", "--config-file=" KW_BUS_CONFIG_FILE, nullptr));
-        // The address comes once the socket listens; an end of output instead
-        // means the daemon refused its configuration.
+        // The address comes once it listens, an end of output if it refused.
         g_ptr<GDataInputStream> output =
             adopt(m_process ? g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_process.get())) : nullptr);
         g_ptr<char> line(output ? g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr) : nullptr);
@@ -43,19 +39,16 @@ public:
     ~dbus_daemon()
     {
         if (m_system_bus) {
-            // GIO hands out the same system bus connection while anything holds
-            // it, and some holders let go only from the main context. Waiting
-            // for the last one gives a later bus a connection of its own.
+            // Some holders let go only from the main context; until the last
+            // does, GIO would hand a later bus this connection.
             GWeakRef last;
             g_weak_ref_init(&last, m_system_bus.get());
             g_dbus_connection_close_sync(m_system_bus.get(), nullptr, nullptr);
             m_system_bus.reset();
-            for (gint64 end = g_get_monotonic_time() + G_USEC_PER_SEC; g_get_monotonic_time() < end;) {
-                if (!adopt(static_cast<GDBusConnection*>(g_weak_ref_get(&last))))
-                    break;
+            for (gint64 end = g_get_monotonic_time() + G_USEC_PER_SEC;
+                 g_get_monotonic_time() < end && adopt(static_cast<GDBusConnection*>(g_weak_ref_get(&last)));)
                 if (!g_main_context_iteration(nullptr, FALSE))
                     g_usleep(1000);
-            }
             g_weak_ref_clear(&last);
         }
         if (m_process) {
@@ -66,24 +59,20 @@ public:
     }
 
     bool ok() const { return m_system_bus != nullptr; }
-    const std::string& address() const { return m_address; }
     // A connection of its own, as another program on the bus would have.
     g_ptr<GDBusConnection> connect() const
     {
-        auto flags = GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-        error_out error;
-        g_ptr<GDBusConnection> connection =
-            adopt(g_dbus_connection_new_for_address_sync(m_address.c_str(), flags, nullptr, nullptr, error.out()));
-        if (!connection)
-            ADD_FAILURE() << "cannot connect to " << m_address << ": " << error.message();
+        auto connection = adopt(g_dbus_connection_new_for_address_sync(
+            m_address.c_str(),
+            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr));
+        EXPECT_TRUE(connection) << "cannot connect to " << m_address;
         return connection;
     }
 
 private:
     g_ptr<GSubprocess> m_process;
     std::string m_address;
-    // The process's shared connection, set not to end the process with the bus.
     g_ptr<GDBusConnection> m_system_bus;
 };
 

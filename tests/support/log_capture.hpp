@@ -27,7 +27,6 @@ public:
         std::lock_guard lock(m_mutex);
         return m_lines;
     }
-    // Messages at exactly this level, in order.
     std::vector<std::string> messages(GLogLevelFlags level) const
     {
         std::vector<std::string> out;
@@ -37,7 +36,6 @@ public:
         return out;
     }
     std::vector<std::string> warnings() const { return messages(G_LOG_LEVEL_WARNING); }
-    std::vector<std::string> debugs() const { return messages(G_LOG_LEVEL_DEBUG); }
     std::size_t count(GLogLevelFlags level, const std::string& message) const
     {
         return std::ranges::count(messages(level), message);

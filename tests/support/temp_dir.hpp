@@ -9,8 +9,8 @@
 
 namespace kw::test {
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it at scope end.
+// A fresh directory under the system's temporary directory, removed with all
+// in it at scope end.
 class temp_dir {
 public:
     temp_dir()
@@ -19,7 +19,6 @@ public:
         m_path = made ? made.get() : "/nonexistent";
     }
     temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
     ~temp_dir()
     {
         std::error_code ignored;
@@ -28,7 +27,7 @@ public:
 
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + "/" + name; }
-    // Writes a file below the directory and returns its path.
+    // Writes a file below the directory; its path.
     std::string write(const std::string& name, const std::string& content) const
     {
         std::ofstream(file(name), std::ios::binary | std::ios::trunc) << content;
