@@ -2,6 +2,7 @@
 
 #include "src/peer/peer_message.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -13,11 +14,22 @@
 namespace kw {
 
 // The engine's receive queue holds at most this many messages between two
-// ticks. Legitimate traffic stays far below: 256 siblings (the usual
-// MaxHosts) on both families over 4 interfaces would queue 2048 messages even
-// if each announced every 5 s rather than every 55 s. Full, the queue takes
-// about 300 kB.
+// ticks, and never fewer than receive_queue_per_host times MaxHosts. One
+// sibling can put eight messages in one tick without misbehaving: its ANNOUNCE
+// and a DISPATCHED or LEAVE, each on both families, over two interfaces that
+// both hear it (a start burst with fast-join answers is of that size). So a
+// group of MaxHosts cameras powering up together fits, while a flood of junk
+// stays bounded by the group's own size. At 256 hosts the floor holds: a full
+// queue takes about 300 kB.
 inline constexpr std::size_t receive_queue_capacity = 4096;
+inline constexpr std::size_t receive_queue_per_host = 8;
+
+// The bound for a group of max_hosts cameras; a non-positive setting counts as none.
+inline std::size_t receive_queue_bound(std::int64_t max_hosts)
+{
+    std::size_t hosts = max_hosts > 0 ? static_cast<std::size_t>(max_hosts) : 0;
+    return std::max(receive_queue_capacity, receive_queue_per_host * hosts);
+}
 
 // A first-in-first-out queue of messages shared between threads, with a
 // blocking and a non-blocking pop, and a capacity beyond which pushes are

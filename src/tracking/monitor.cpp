@@ -59,7 +59,7 @@ bool monitor::start()
 
     create_tables();
     m_interfaces.clear();
-    m_receive_queue = message_queue::create(receive_queue_capacity);
+    m_receive_queue = message_queue::create(receive_queue_bound(m_settings.get_max_hosts()));
     if (!m_receive_queue)
         g_error("Failed to create receive queue");
 
