@@ -49,6 +49,11 @@ public:
     bool set_ipv6_address(const std::string& address);
 
     const std::string& name() const { return m_name; }
+    // The interface's own addresses as the link watcher last reported them,
+    // all zero for a family without a usable one: what its ANNOUNCE carries.
+    void set_own_addresses(const in_addr& ipv4, const in6_addr& ipv6) { m_own_ipv4 = ipv4, m_own_ipv6 = ipv6; }
+    const in_addr& own_ipv4() const { return m_own_ipv4; }
+    const in6_addr& own_ipv6() const { return m_own_ipv6; }
 
     struct private_tag {
         explicit private_tag() = default;
@@ -80,6 +85,8 @@ private:
     message_queue& m_receive_queue;
     family m_ipv4;
     family m_ipv6;
+    in_addr m_own_ipv4 {};
+    in6_addr m_own_ipv6 {};
 };
 
 } // namespace kw

@@ -134,8 +134,7 @@ void monitor::stop()
     // Stops and joins every chain's threads before the queue they push to goes.
     m_interfaces.clear();
     m_chained.clear();
-    while (m_receive_queue->length() > 0)
-        m_receive_queue->pop();
+    drop_queued();
     m_receive_queue.reset();
 
     m_lost_nodes.reset();
@@ -195,7 +194,6 @@ void monitor::interface_changed(const interface_state& state, const std::string&
         interface.stop_ipv4();
         interface.teardown_ipv4();
     }
-    m_own_ipv4 = state.ipv4_address;
 
     if (state.ipv6_enabled) {
         interface.setup_ipv6();
@@ -204,7 +202,9 @@ void monitor::interface_changed(const interface_state& state, const std::string&
         interface.stop_ipv6();
         interface.teardown_ipv6();
     }
-    m_own_ipv6 = state.ipv6_address;
+    // Each interface announces its own addresses, so a sibling on one network
+    // is never told the address of another.
+    interface.set_own_addresses(state.ipv4_address, state.ipv6_address);
 
     // The start's own ANNOUNCE covers the interfaces replayed at registration.
     if (!chained) {
@@ -226,7 +226,14 @@ void monitor::broadcast(std::unique_ptr<peer_message> message)
 
 void monitor::send_announce()
 {
-    broadcast(peer_message::announce_new(m_own_node_id, m_settings.get_group(), m_own_ipv4, m_own_ipv6));
+    if (!m_running)
+        return;
+    for (auto& [name, interface] : m_interfaces) {
+        auto message = peer_message::announce_new(m_own_node_id, m_settings.get_group(), interface->own_ipv4(),
+                                                  interface->own_ipv6());
+        message->print();
+        interface->send(std::move(message));
+    }
 }
 
 void monitor::send_leave()
@@ -278,6 +285,8 @@ bool monitor::process_tick()
     std::size_t taken = 0;
     while (std::unique_ptr<peer_message> message = m_receive_queue->try_pop()) {
         ++taken;
+        if (!applies(*message))
+            continue;
         switch (message->get_type()) {
         case ANNOUNCE:
             process_announce(std::move(message));
@@ -300,6 +309,22 @@ bool monitor::process_tick()
     if (taken >= heap_trim_after)
         malloc_trim(0);
     return true;
+}
+
+// A message of another group can still be queued when the group changes: a
+// receiver may have read the old group just before. A message of our own id
+// is our own datagram heard on another port of the same network, where
+// switching multicast loopback off does not help. Neither may touch a table.
+bool monitor::applies(const peer_message& message) const
+{
+    return message.get_group() == m_settings.get_group() && message.get_node_id() != m_own_node_id;
+}
+
+// Main thread only: nobody else pops, so the length tells what pop() finds.
+void monitor::drop_queued()
+{
+    while (m_receive_queue->length() > 0)
+        m_receive_queue->pop();
 }
 
 void monitor::process_announce(std::unique_ptr<peer_message> message)
@@ -454,6 +479,8 @@ bool monitor::set_group(std::uint32_t group)
         create_tables();
         for (auto& [name, interface] : m_interfaces)
             interface->set_group(group);
+        // Nothing heard in the old group may reach the new tables.
+        drop_queued();
     }
     m_settings.set_group(group);
     return m_settings.save();

@@ -124,6 +124,8 @@ private:
     bool add_interface(const std::string& name);
     void create_tables();
     void remove_timers();
+    bool applies(const peer_message& message) const;
+    void drop_queued();
     void process_announce(std::unique_ptr<peer_message> message);
     void process_dispatched(const peer_message& message);
     void process_leave(const peer_message& message);
@@ -147,8 +149,6 @@ private:
     monitor_environment m_environment;
     node_id m_own_node_id;
     bool m_running = false;
-    in_addr m_own_ipv4 {};
-    in6_addr m_own_ipv6 {};
     // Fast join: names of the interfaces with a running chain, an answer
     // asked for, an answer sent since the last process tick began.
     std::unordered_set<std::string> m_chained;

@@ -135,6 +135,7 @@ public:
     }
     bool ok() const { return m_ok; }
     host_ns& host(int index) { return m_hosts.at(static_cast<std::size_t>(index)); }
+    netns& bridge() { return m_bridge; }
 
 private:
     netns m_bridge;

@@ -38,7 +38,7 @@ inline std::string settings_text(const camera_options& o)
 
 class camera {
 public:
-    explicit camera(camera_options options = {}) : m_group(options.group), m_fast_join(options.fast_join)
+    explicit camera(camera_options options = {}) : m_fast_join(options.fast_join)
     {
         m_dir.write("kinwatch.conf", settings_text(options));
         g_mkdir_with_parents(m_dir.file("sys/eth0").c_str(), 0755);
@@ -68,16 +68,17 @@ public:
     void step_wall_us(GTimeSpan us) { m_wall = adopt(g_date_time_add(m_wall.get(), us)); }
 
     void inject(std::unique_ptr<peer_message> message) { m_monitor->get_receive_queue()->push(std::move(message)); }
-    void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9")
+    // An ANNOUNCE of the camera's present group unless another is given.
+    void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9",
+                         std::optional<std::uint32_t> group = {})
     {
         in_addr v4 {};
         in6_addr v6 {};
         inet_pton(AF_INET, ipv4, &v4), inet_pton(AF_INET6, ipv6, &v6);
-        inject(peer_message::announce_new(id, m_group, v4, v6));
+        inject(peer_message::announce_new(id, group.value_or(m_settings->get_group()), v4, v6));
     }
 
 private:
-    std::uint32_t m_group;
     bool m_fast_join;
     temp_dir m_dir;
     g_ptr<GDateTime> m_wall = adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0));
