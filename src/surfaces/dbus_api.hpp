@@ -27,8 +27,9 @@ GQuark kinwatch_error_quark();
 
 // The service's object on the system bus: five settings as properties and
 // the two node lists as methods, all mapped onto the monitor. It keeps no
-// settings of its own. Main thread only: the connection is made from the
-// main loop, so every callback and handler arrives on that loop.
+// settings of its own. Main thread only: connections are made in the
+// background for the main thread, so every callback and handler arrives on
+// its main loop.
 //
 // The service keeps a connection of its own rather than the process's shared
 // one, which would end the process when the bus goes away: when the bus
