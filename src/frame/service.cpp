@@ -104,8 +104,9 @@ int service::run(int argc, char** argv)
         return 1;
     }
 
-    // Requests the bus name; the object is registered from the main loop
-    // once the bus connection is made.
+    // Connects to the bus in the background; the object is registered and
+    // the name requested from the main loop, again after every loss of the
+    // bus. Without a bus the service runs on without its object.
     m_dbus_api = dbus_api::create(*m_monitor, m_settings->get_enabled());
     if (!m_dbus_api) {
         g_warning("Failed to setup DBus API");

@@ -1,5 +1,6 @@
 #include "src/surfaces/dbus_api.hpp"
 
+#include <algorithm>
 #include <string>
 
 namespace kw {
@@ -75,11 +76,7 @@ const GDBusInterfaceVTable dbus_api::s_interface_table = {
 std::unique_ptr<dbus_api> dbus_api::create(monitor& engine, bool enable)
 {
     auto api = std::make_unique<dbus_api>(private_tag {}, engine);
-    api->m_owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, bus_name, G_BUS_NAME_OWNER_FLAGS_NONE,
-                                     &dbus_api::on_bus_acquired, &dbus_api::on_name_acquired,
-                                     &dbus_api::on_name_lost, api.get(), nullptr);
-    if (api->m_owner_id == 0)
-        return nullptr;
+    api->connect();
     if (enable && !engine.set_enabled(true))
         return nullptr;
     return api;
@@ -87,18 +84,109 @@ std::unique_ptr<dbus_api> dbus_api::create(monitor& engine, bool enable)
 
 dbus_api::~dbus_api()
 {
-    if (m_connection) {
-        if (m_registration_id != 0)
-            g_dbus_connection_unregister_object(m_connection.get(), m_registration_id);
-        m_registration_id = 0;
-        m_connection.reset();
-    }
-    // No callback of the name request runs after this.
-    if (m_owner_id != 0) {
-        g_bus_unown_name(m_owner_id);
-        m_owner_id = 0;
-    }
+    // A cancelled attempt still calls back, but without touching the object.
+    if (m_connecting)
+        g_cancellable_cancel(m_connecting.get());
+    if (m_retry_id != 0)
+        g_source_remove(m_retry_id);
+    drop_connection();
     m_introspection_data.reset();
+}
+
+void dbus_api::connect()
+{
+    error_out error;
+    g_ptr<char> address = adopt(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error.out()));
+    if (!address) {
+        connected(nullptr, error.get());
+        return;
+    }
+    m_connecting = adopt(g_cancellable_new());
+    g_dbus_connection_new_for_address(address.get(),
+                                      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                                      nullptr, m_connecting.get(), &dbus_api::on_connected, this);
+}
+
+void dbus_api::on_connected(GObject*, GAsyncResult* result, gpointer self)
+{
+    error_out error;
+    g_ptr<GDBusConnection> connection = adopt(g_dbus_connection_new_for_address_finish(result, error.out()));
+    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED))
+        return;
+    static_cast<dbus_api*>(self)->connected(std::move(connection), error.get());
+}
+
+void dbus_api::connected(g_ptr<GDBusConnection> connection, const GError* error)
+{
+    m_connecting.reset();
+    if (!connection) {
+        if (!m_bus_missing)
+            g_warning("Failed to connect to the system bus: %s; retrying", error ? error->message : "");
+        m_bus_missing = true;
+        retry_later();
+        return;
+    }
+    if (m_bus_missing)
+        g_message("Connected to the system bus");
+    m_bus_missing = false;
+    m_retry_ms = 0;
+
+    g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
+    // Connected before the name request connects its own handler, so this
+    // one runs first and gives the request up before it could report a loss.
+    m_closed_handler_id = g_signal_connect(connection.get(), "closed", G_CALLBACK(&dbus_api::on_closed), this);
+    on_bus_acquired(connection.get(), bus_name, this);
+    m_owner_id = g_bus_own_name_on_connection(m_connection.get(), bus_name, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                              &dbus_api::on_name_acquired, &dbus_api::on_name_lost, this, nullptr);
+}
+
+void dbus_api::on_closed(GDBusConnection*, gboolean, GError*, gpointer self)
+{
+    static_cast<dbus_api*>(self)->closed();
+}
+
+void dbus_api::closed()
+{
+    g_warning("System bus connection lost, reconnecting");
+    m_bus_missing = true;
+    drop_connection();
+    retry_later();
+}
+
+// Doubling from a quarter of a second to four: a bus that comes back is
+// reached within four seconds, and one that stays away costs a failed
+// connect every four seconds.
+void dbus_api::retry_later()
+{
+    constexpr guint first_retry_ms = 250;
+    constexpr guint last_retry_ms = 4000;
+    m_retry_ms = m_retry_ms == 0 ? first_retry_ms : std::min(2 * m_retry_ms, last_retry_ms);
+    m_retry_id = g_timeout_add(m_retry_ms, &dbus_api::on_retry, this);
+}
+
+gboolean dbus_api::on_retry(gpointer self)
+{
+    auto* api = static_cast<dbus_api*>(self);
+    api->m_retry_id = 0;
+    api->connect();
+    return G_SOURCE_REMOVE;
+}
+
+void dbus_api::drop_connection()
+{
+    if (!m_connection)
+        return;
+    g_signal_handler_disconnect(m_connection.get(), m_closed_handler_id);
+    m_closed_handler_id = 0;
+    if (m_registration_id != 0)
+        g_dbus_connection_unregister_object(m_connection.get(), m_registration_id);
+    m_registration_id = 0;
+    // No callback of the name request runs after this.
+    if (m_owner_id != 0)
+        g_bus_unown_name(m_owner_id);
+    m_owner_id = 0;
+    m_connection.reset();
 }
 
 void dbus_api::on_bus_acquired(GDBusConnection* connection, const gchar*, gpointer self)
@@ -109,7 +197,7 @@ void dbus_api::on_bus_acquired(GDBusConnection* connection, const gchar*, gpoint
 void dbus_api::on_name_acquired(GDBusConnection*, const gchar*, gpointer)
 {
     // The object was registered when the bus was reached; one that was
-    // taken down after a loss of the name stays down.
+    // taken down after a loss of the name stays down until a new connection.
 }
 
 void dbus_api::on_name_lost(GDBusConnection*, const gchar*, gpointer self)
@@ -117,6 +205,8 @@ void dbus_api::on_name_lost(GDBusConnection*, const gchar*, gpointer self)
     static_cast<dbus_api*>(self)->name_lost();
 }
 
+// Everything the service offers on a connection is registered here, once
+// per connection.
 void dbus_api::bus_acquired(GDBusConnection* connection)
 {
     m_connection = ref(connection);

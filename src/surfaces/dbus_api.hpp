@@ -27,25 +27,33 @@ GQuark kinwatch_error_quark();
 
 // The service's object on the system bus: five settings as properties and
 // the two node lists as methods, all mapped onto the monitor. It keeps no
-// settings of its own. Main thread only: the name is requested before the
-// main loop runs, so every callback and handler arrives on that loop.
+// settings of its own. Main thread only: connections are made in the
+// background for the main thread, so every callback and handler arrives on
+// its main loop.
+//
+// The service keeps a connection of its own rather than the process's shared
+// one, which would end the process when the bus goes away: when the bus
+// daemon restarts, the monitor runs on untouched while the connection is made
+// again with back-off, and the object and the name follow it.
 class dbus_api {
 public:
     static constexpr const char* bus_name = "com.tavix.Kinwatch";
     static constexpr const char* object_path = "/com/tavix/Kinwatch";
     static constexpr const char* interface_name = "com.tavix.Kinwatch";
 
-    // Requests the bus name; the object is registered later, from the main
-    // loop, once the bus is reached. With enable set, enables the monitor
-    // first. nullptr when no name request could be made or enabling fails.
+    // Starts connecting to the system bus; the object is registered and the
+    // name requested later, from the main loop, once the bus is reached. With
+    // enable set, enables the monitor first. nullptr when enabling fails.
     static std::unique_ptr<dbus_api> create(monitor& engine, bool enable);
 
     dbus_api(const dbus_api&) = delete;
     dbus_api& operator=(const dbus_api&) = delete;
-    // Unregisters the object, drops the connection, then gives up the name.
+    // Unregisters the object, gives up the name and drops the connection; a
+    // connection still being made is abandoned.
     ~dbus_api();
 
-    // Callbacks of the name request.
+    // Callbacks of one connection's life: the first is called for each new
+    // connection, the others by the name request made on it.
     static void on_bus_acquired(GDBusConnection* connection, const gchar* name, gpointer self);
     static void on_name_acquired(GDBusConnection* connection, const gchar* name, gpointer self);
     static void on_name_lost(GDBusConnection* connection, const gchar* name, gpointer self);
@@ -70,6 +78,16 @@ public:
 private:
     static const GDBusInterfaceVTable s_interface_table;
 
+    static void on_connected(GObject* source, GAsyncResult* result, gpointer self);
+    static void on_closed(GDBusConnection* connection, gboolean remote_peer_vanished, GError* error,
+                          gpointer self);
+    static gboolean on_retry(gpointer self);
+
+    void connect();
+    void connected(g_ptr<GDBusConnection> connection, const GError* error);
+    void closed();
+    void retry_later();
+    void drop_connection();
     void bus_acquired(GDBusConnection* connection);
     void name_lost();
     void handle_method_call(const char* path, const char* interface, const char* method,
@@ -79,10 +97,20 @@ private:
                              GError** error);
 
     monitor& m_monitor;
+    // The present connection, null while there is none; whatever the object
+    // sends goes through it.
     g_ptr<GDBusConnection> m_connection;
     g_ptr<GDBusNodeInfo> m_introspection_data;
     guint m_owner_id = 0;
     guint m_registration_id = 0;
+    gulong m_closed_handler_id = 0;
+    // Set while a connection is being made.
+    g_ptr<GCancellable> m_connecting;
+    guint m_retry_id = 0;
+    guint m_retry_ms = 0;
+    // A warning said the bus was lost (or never reached) and no connection
+    // has been made since; the next connection says so once.
+    bool m_bus_missing = false;
 };
 
 } // namespace kw

@@ -184,6 +184,20 @@ heard_to_report() {
 echo "camera 1 reported camera 3 $(heard_to_report) s after it last heard it"
 check awk -v s="$(heard_to_report)" 'BEGIN { exit !(s >= 60 && s <= 66) }'
 
+echo "--- camera 2's bus daemon killed, started again 5 s later: its service and monitor run on"
+service_pid() { lab status | sed -nE "s/^cam$1 kinwatch=([0-9]+) .*/\1/p"; }
+pid=$(service_pid 2) lines=$(lab log 2 | wc -l)
+lab bus 2 kill
+sleep 5 # several attempts to reconnect fail meanwhile
+lab bus 2 start
+start=$SECONDS
+wait_for 10 eval 'lab get 2 TTL >/dev/null 2>&1' || fail "camera 2's name did not answer within 10 s of its bus"
+echo "answered in $((SECONDS - start)) s"
+check equals "$(service_pid 2)" "$pid"
+check holds 2 1
+check equals "$(lab log 2 | tail -n +$((lines + 1)) | grep -oE 'LEAVE:|System bus connection lost, reconnecting|Connected to the system bus')" \
+  $'System bus connection lost, reconnecting\nConnected to the system bus'
+
 for n in 1 2 3 4; do
   check equals "$(lab log "$n" | grep -E 'Sanitizer|runtime error:|CRITICAL \*\*|ERROR \*\*')" ""
   ((failures == 0)) || { echo "--- end of camera $n's log"; lab log "$n" | tail -40; }

@@ -48,7 +48,7 @@ conffiles=$(dpkg-deb -I "$deb" conffiles 2>&1)
 member() { dpkg-deb --fsys-tarfile "$deb" | tar -xOf - "$1"; }
 unit=$(member ./usr/lib/systemd/system/kinwatch.service)
 for line in 'ExecStart=/usr/sbin/kinwatch -n -c /etc/kinwatch/kinwatch.conf' User=kinwatch Group=kinwatch \
-  ReadWritePaths=/etc/kinwatch; do
+  ReadWritePaths=/etc/kinwatch Restart=always; do
   grep -qxF "$line" <<<"$unit" || fail "the unit lacks: $line"
 done
 [[ $(grep -c '^ReadWritePaths=' <<<"$unit") == 1 ]] || fail "the unit may write more than /etc/kinwatch"

@@ -12,53 +12,26 @@
 namespace kw::test {
 
 // A private bus with the service's policy (system-bus.conf), reached as the
-// system bus while it lives; GIO keeps one per process, so one at a time.
+// system bus while it lives; one at a time, since that address is the
+// process's environment.
 class dbus_daemon {
 public:
-    dbus_daemon()
-    {
-        g_ptr<GSubprocessLauncher> launcher = adopt(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
-        g_subprocess_launcher_set_child_setup(launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); },
-                                              nullptr, nullptr);
-        m_process = adopt(g_subprocess_launcher_spawn(launcher.get(), nullptr, "dbus-daemon", "--nofork", "--nosyslog",
-                                                      "--print-address", "--config-file=" KW_BUS_CONFIG_FILE, nullptr));
-        // The address comes once it listens, an end of output if it refused.
-        g_ptr<GDataInputStream> output =
-            adopt(m_process ? g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_process.get())) : nullptr);
-        g_ptr<char> line(output ? g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr) : nullptr);
-        if (!line || !*line) {
-            ADD_FAILURE() << "could not start a private dbus-daemon";
-            return;
-        }
-        m_address = line.get();
-        g_setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), TRUE);
-        m_system_bus = adopt(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-        if (m_system_bus)
-            g_dbus_connection_set_exit_on_close(m_system_bus.get(), FALSE);
-    }
+    dbus_daemon() { start(nullptr); }
     ~dbus_daemon()
     {
-        if (m_system_bus) {
-            // Some holders let go only from the main context; until the last
-            // does, GIO would hand a later bus this connection.
-            GWeakRef last;
-            g_weak_ref_init(&last, m_system_bus.get());
-            g_dbus_connection_close_sync(m_system_bus.get(), nullptr, nullptr);
-            m_system_bus.reset();
-            for (gint64 end = g_get_monotonic_time() + G_USEC_PER_SEC;
-                 g_get_monotonic_time() < end && adopt(static_cast<GDBusConnection*>(g_weak_ref_get(&last)));)
-                if (!g_main_context_iteration(nullptr, FALSE))
-                    g_usleep(1000);
-            g_weak_ref_clear(&last);
-        }
-        if (m_process) {
-            g_subprocess_send_signal(m_process.get(), SIGTERM);
-            g_subprocess_wait(m_process.get(), nullptr, nullptr);
-        }
+        stop(SIGTERM);
         g_unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
     }
 
-    bool ok() const { return m_system_bus != nullptr; }
+    bool ok() const { return !m_address.empty(); }
+    // Kills the daemon and starts another at the same address, as a
+    // restarted system bus would be.
+    void restart()
+    {
+        std::string listen = "--address=" + m_address.substr(0, m_address.find(','));
+        stop(SIGKILL);
+        start(listen.c_str());
+    }
     // A connection of its own, as another program on the bus would have.
     g_ptr<GDBusConnection> connect() const
     {
@@ -71,9 +44,36 @@ public:
     }
 
 private:
+    void start(const char* listen)
+    {
+        m_address.clear();
+        g_ptr<GSubprocessLauncher> launcher = adopt(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
+        g_subprocess_launcher_set_child_setup(launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); },
+                                              nullptr, nullptr);
+        m_process = adopt(g_subprocess_launcher_spawn(launcher.get(), nullptr, "dbus-daemon", "--nofork", "--nosyslog",
+                                                      "--print-address", "--config-file=" KW_BUS_CONFIG_FILE, listen,
+                                                      nullptr));
+        // The address comes once it listens, an end of output if it refused.
+        g_ptr<GDataInputStream> output =
+            adopt(m_process ? g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_process.get())) : nullptr);
+        g_ptr<char> line(output ? g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr) : nullptr);
+        if (!line || !*line) {
+            ADD_FAILURE() << "could not start a private dbus-daemon";
+            return;
+        }
+        m_address = line.get();
+        g_setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), TRUE);
+    }
+    void stop(int signal)
+    {
+        if (m_process) {
+            g_subprocess_send_signal(m_process.get(), signal);
+            g_subprocess_wait(m_process.get(), nullptr, nullptr);
+        }
+    }
+
     g_ptr<GSubprocess> m_process;
     std::string m_address;
-    g_ptr<GDBusConnection> m_system_bus;
 };
 
 } // namespace kw::test

@@ -3,6 +3,7 @@
 
 #include "src/surfaces/dbus_api.hpp"
 #include "tests/support/dbus_daemon.hpp"
+#include "tests/support/log_capture.hpp"
 #include "tests/tracking/monitor_harness.hpp"
 
 #include <gtest/gtest.h>
@@ -38,7 +39,7 @@ std::string call(GDBusConnection* client, const char* interface, const char* met
     return result;
 }
 
-TEST(dbus_api, writes_and_their_errors_reads_and_node_tuples)
+TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
 {
     KW_REQUIRE_ROOT(); // the bus policy lets root alone own the name
     dbus_daemon bus;
@@ -54,9 +55,12 @@ TEST(dbus_api, writes_and_their_errors_reads_and_node_tuples)
     ASSERT_TRUE(cam.create(lab.host(0).ns.get()));
     monitor& engine = *cam.engine();
     auto api = dbus_api::create(engine, false);
-    for (gint64 end = g_get_monotonic_time() + 10 * G_USEC_PER_SEC; g_get_monotonic_time() < end;)
-        if (!nodes().starts_with("-1")) // the name is not owned yet
-            break;
+    auto wait_owned = [&] {
+        for (gint64 end = g_get_monotonic_time() + 10 * G_USEC_PER_SEC; g_get_monotonic_time() < end;)
+            if (!nodes().starts_with("-1")) // the name is not owned yet
+                return;
+    };
+    wait_owned();
 
     const std::string unmapped = " GDBus.Error:org.gtk.GDBus.UnmappedGError.Quark._Kinwatch_20error_20quark.Code";
     const std::string not_enabled = "2" + unmapped + "2: Kinwatch is not enabled";
@@ -100,6 +104,15 @@ TEST(dbus_api, writes_and_their_errors_reads_and_node_tuples)
     cam.advance_us(61 * G_TIME_SPAN_SECOND);
     engine.process_tick();
     EXPECT_EQ(nodes(), "([],)(" + tuple + ",)");
+
+    // The bus restarts: the object answers on the new one, over the monitor as it was.
+    log_capture log;
+    bus.restart();
+    client = bus.connect();
+    wait_owned();
+    EXPECT_EQ(nodes(), "([],)(" + tuple + ",)");
+    EXPECT_EQ(log.warnings(), std::vector<std::string> {"System bus connection lost, reconnecting"});
+    EXPECT_EQ(log.count(G_LOG_LEVEL_MESSAGE, "Connected to the system bus"), 1u);
 }
 
 } // namespace
