@@ -10,7 +10,7 @@ kw_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   iproute2 procps util-linux dbus-daemon tcpdump libglib2.0-bin faketime
-  dpkg-dev file man-db groff-base
+  dpkg-dev file man-db groff-base lintian
 )
 
 kw_install_missing() {
