@@ -36,6 +36,16 @@ std::string describe(const std::string& name, const std::string& problem)
     return name + ": " + problem;
 }
 
+// Safe to call again and from any thread; the service's first call is the
+// key file's load at start, before anything else of the library is used.
+bool library_ready(const std::string& name, std::string& error)
+{
+    if (sodium_init() >= 0)
+        return true;
+    error = describe(name, "the cryptography library cannot start");
+    return false;
+}
+
 } // namespace
 
 group_keys::~group_keys()
@@ -46,12 +56,8 @@ group_keys::~group_keys()
 std::shared_ptr<const group_keys> group_keys::parse(std::string_view text, const std::string& name,
                                                     std::string& error)
 {
-    // Safe to call again and from any thread; the service's first call is
-    // the key file's load at start.
-    if (sodium_init() < 0) {
-        error = describe(name, "the cryptography library cannot start");
+    if (!library_ready(name, error))
         return nullptr;
-    }
     auto* memory = static_cast<std::uint8_t*>(sodium_malloc(max_keys * key_size));
     if (!memory) {
         error = describe(name, "no locked memory for the keys");
@@ -95,6 +101,8 @@ std::shared_ptr<const group_keys> group_keys::parse(std::string_view text, const
 
 std::shared_ptr<const group_keys> group_keys::load(const std::string& path, std::string& error)
 {
+    if (!library_ready(path, error))
+        return nullptr;
     unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) {
