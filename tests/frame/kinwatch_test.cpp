@@ -66,6 +66,7 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         {key_file("hex.key", "# ok\n" + key + key.substr(1, 63) + "x\n"), 1, false, {"hex.key: line 3 is not a key of 64 hex digits\n"}},
         {key_file("short.key", key.substr(32)), 1, false, {"short.key: line 1 is not a key of 64 hex digits\n"}},
         {key_file("empty.key", "# none\n"), 1, false, {"empty.key: no key\n"}},
+        {key_file("five.key", key + key + "\n# rotated\n" + key + key + key), 1, false, {"five.key: more than 4 keys\n"}},
         {{"-n", "-c", bad_ttl, "-k", dir.file("missing.key")}, 1, false, {"missing.key: cannot open: No such file or directory\n"}},
     };
     for (const auto& row : rows) {

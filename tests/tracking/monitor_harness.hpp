@@ -29,10 +29,18 @@ struct camera_options {
     std::string keys = ""; // a key file's text: the camera is keyed
 };
 
-// Keys of 64 hex digits: the digit repeated.
+// A line of a key file: the digit 64 times.
 inline std::string test_key(char digit)
 {
     return std::string(64, digit) + "\n";
+}
+
+inline std::unique_ptr<peer_message> announce(node_id id, const char* ipv4, const char* ipv6, std::uint32_t group = lab_group)
+{
+    in_addr v4 {};
+    in6_addr v6 {};
+    inet_pton(AF_INET, ipv4, &v4), inet_pton(AF_INET6, ipv6, &v6);
+    return peer_message::announce_new(id, group, v4, v6);
 }
 
 inline std::string settings_text(const camera_options& o)
@@ -83,10 +91,7 @@ public:
     void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9",
                          std::optional<std::uint32_t> group = {})
     {
-        in_addr v4 {};
-        in6_addr v6 {};
-        inet_pton(AF_INET, ipv4, &v4), inet_pton(AF_INET6, ipv6, &v6);
-        inject(peer_message::announce_new(id, group.value_or(m_settings->get_group()), v4, v6));
+        inject(announce(id, ipv4, ipv6, group.value_or(m_settings->get_group())));
     }
 
 private:

@@ -302,14 +302,10 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
     auto wire = listener->receive();
     ASSERT_TRUE(wire && wire->bytes.size() == 60);
     const std::vector<std::uint8_t>& b = wire->bytes;
-    in_addr v4 {}, s4 {};
-    in6_addr v6 {}, s6 {};
-    inet_pton(AF_INET, "10.77.0.1", &v4), inet_pton(AF_INET6, "fd77::1", &v6);
-    inet_pton(AF_INET, "10.77.0.2", &s4), inet_pton(AF_INET6, "fd77::2", &s6);
-    EXPECT_EQ(std::vector(b.begin(), b.begin() + 32), peer_message::announce_new(1, lab_group, v4, v6)->encode());
+    EXPECT_EQ(std::vector(b.begin(), b.begin() + 32), announce(1, "10.77.0.1", "fd77::1")->encode());
     auto field = [&](int at, int size) { return std::accumulate(&b[at], &b[at + size], 0ull, [](auto v, auto x) { return v << 8 | x; }); };
     EXPECT_EQ(field(32, 4), keys->id(0));
-    EXPECT_TRUE(field(36, 8) >= std::uint64_t(before) && field(36, 8) <= std::uint64_t(g_get_real_time()));
+    EXPECT_TRUE(field(36, 8) >= std::uint64_t(before) && field(36, 8) <= std::uint64_t(g_get_real_time())); // microseconds
     unsigned char mac[32];
     crypto_auth_hmacsha256(mac, b.data(), 44, keys->key(0));
     EXPECT_EQ(std::vector(mac, mac + 16), std::vector(&b[44], &b[60]));
@@ -320,15 +316,11 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
     // Whatever was sent before has been judged once a later signed datagram is queued.
     auto flush = [&] {
         send(sign(peer_message::leave_new(0x99, lab_group), signer->next_sequence()));
-        ASSERT_TRUE(wait_until([&] {
-            bool queued = false;
-            engine.get_receive_queue()->foreach([&](const peer_message* m) { queued = queued || (m && m->get_node_id() == 0x99); });
-            return queued;
-        }));
+        ASSERT_TRUE(wait_until([&, q = false]() mutable { return engine.get_receive_queue()->foreach([&](auto* m) { q = q || (m && m->get_node_id() == 0x99); }), q; }));
     };
     // Signed before the one sent, so never accepted: a replay once that one is.
-    const auto old = sign(peer_message::announce_new(0x42, lab_group, s4, s6), signer->next_sequence());
-    const auto genuine = sign(peer_message::announce_new(0x42, lab_group, s4, s6), signer->next_sequence());
+    const auto old = sign(announce(0x42, "10.77.0.2", "fd77::2"), signer->next_sequence());
+    const auto genuine = sign(announce(0x42, "10.77.0.2", "fd77::2"), signer->next_sequence());
     send(genuine);
     flush();
     engine.process_tick();
@@ -338,12 +330,12 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
     dispatched.insert(dispatched.end(), genuine.end() - 28, genuine.end()); // the right key, a wrong MAC
     std::string error;
     auto other_key = group_auth::create(group_keys::parse(test_key('c'), "c", error));
-    auto false_address = peer_message::announce_new(0x42, lab_group, v4, v6);
+    auto false_address = announce(0x42, "10.77.0.66", "fd77::66");
     other_key->sign(*false_address, ~0ull);
     for (const auto& d : {tampered, dispatched, *false_address->encode(), *peer_message::leave_new(0x42, lab_group)->encode(), old, genuine})
         send(d);
     for (int i = 0; i < 300; ++i)
-        send(*peer_message::announce_new(g_random_int(), lab_group, s4, s6)->encode());
+        send(*announce(g_random_int(), "10.77.0.2", "fd77::2")->encode());
     flush();
     engine.process_tick();
     EXPECT_EQ(engine.get_known_nodes().size() + engine.get_lost_nodes().size(), 1u);
