@@ -11,7 +11,12 @@
 // sooner, and the plain loop counts what it reads. Counters, per second:
 // offered, queued (the receiving thread) and plain (the recvfrom loop), and
 // the ratio queued/plain.
+//
+// Keyed: the receiving thread checks every datagram with a group_auth (the
+// -k option), and the sender signs each one with a new sequence number, so
+// every datagram passes all the checks and is queued.
 
+#include "src/peer/group_auth.hpp"
 #include "src/peer/mcast_receiver.hpp"
 #include "src/peer/mcast_sender.hpp"
 #include "src/peer/monitor_receiver.hpp"
@@ -73,8 +78,11 @@ struct lab {
     ~lab() { std::system(("ip netns del " + prefix + "-tx; ip netns del " + prefix + "-rx").c_str()); }
 };
 
-void receive_under_flood(benchmark::State& state, const char* group)
+void receive_under_flood(benchmark::State& state, const char* group, bool keyed)
 {
+    std::string error;
+    auto keys = group_keys::parse(std::string(64, '7'), "bench", error);
+    auto signer = group_auth::create(keys), checker = group_auth::create(keys);
     static lab namespaces;
     bool ipv4 = std::string(group).find(':') == std::string::npos;
 
@@ -84,7 +92,7 @@ void receive_under_flood(benchmark::State& state, const char* group)
     auto socket = mcast_receiver::create("rx0", group, port);
     auto plain = mcast_receiver::create("rx0", group, port);
     auto queue = message_queue::create(receive_queue_capacity);
-    auto receiver = socket ? monitor_receiver::create(*socket, *queue, 7) : nullptr;
+    auto receiver = socket ? monitor_receiver::create(*socket, *queue, 7, keyed ? checker.get() : nullptr) : nullptr;
     if (!sender || !plain || !receiver || !receiver->start()) {
         state.SkipWithError("setup failed");
         return;
@@ -114,8 +122,14 @@ void receive_under_flood(benchmark::State& state, const char* group)
     for (auto _ : state) {
         auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
         while (std::chrono::steady_clock::now() < end) {
-            for (int i = 0; i < 64; ++i)
+            for (int i = 0; i < 64; ++i) {
+                if (keyed) {
+                    auto message = peer_message::leave_new(0x020000000001ULL, 7);
+                    signer->sign(*message, signer->next_sequence());
+                    bytes = *message->encode();
+                }
                 offered += sender->send(bytes.data(), bytes.size()) > 0;
+            }
         }
         // Lets both readers take what is still in their sockets.
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -130,11 +144,13 @@ void receive_under_flood(benchmark::State& state, const char* group)
     state.counters["queued"] = Counter(static_cast<double>(queued), Counter::kIsRate);
     state.counters["plain"] = Counter(static_cast<double>(plain_count), Counter::kIsRate);
     state.counters["queued/plain"] = plain_count ? static_cast<double>(queued) / static_cast<double>(plain_count) : 0;
-    state.SetLabel(ipv4 ? "IPv4" : "IPv6");
+    state.SetLabel(std::string(ipv4 ? "IPv4" : "IPv6") + (keyed ? " keyed" : ""));
 }
 
-BENCHMARK_CAPTURE(receive_under_flood, ipv4, "239.255.79.1")->UseRealTime()->Iterations(6)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(receive_under_flood, ipv6, "ff15::79")->UseRealTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(receive_under_flood, ipv4, "239.255.79.1", false)->UseRealTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(receive_under_flood, ipv6, "ff15::79", false)->UseRealTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(receive_under_flood, ipv4_keyed, "239.255.79.1", true)->UseRealTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(receive_under_flood, ipv6_keyed, "ff15::79", true)->UseRealTime()->Iterations(6)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

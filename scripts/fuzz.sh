@@ -16,7 +16,7 @@ cmake --build "$dir" -j "${KW_JOBS:-$(nproc)}" --target fuzz_targets >/dev/null
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/kw-fuzz.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
-declare -A max_len=([peer_message]=64 [settings]=1024)
+declare -A max_len=([peer_message]=64 [settings]=1024 [group_auth]=128 [group_keys]=1024)
 status=0
 for corpus in tests/fuzz/corpus/*/; do
   name=$(basename "$corpus")

@@ -19,6 +19,10 @@ service::~service()
     m_monitor.reset();
     m_package_observer.reset();
     m_settings.reset();
+    // Wipes the keys; the monitor and the observer that used them are gone.
+    m_key_file_observer.reset();
+    m_group_auth.reset();
+    m_key_file.reset();
     m_main_loop.reset();
 }
 
@@ -28,6 +32,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     gboolean fast_join = FALSE;
     char* config_file = nullptr;
     char* ident = nullptr;
+    char* key_file = nullptr;
     const GOptionEntry entries[] = {
         {"no-daemon", 'n', 0, G_OPTION_ARG_NONE, &no_daemon, "Do not run in background", nullptr},
         {"config_file", 'c', 0, G_OPTION_ARG_STRING, &config_file, "Specify configuration file, -c <filename>",
@@ -35,6 +40,8 @@ bool service::parse_command_line(int* argc, char*** argv)
         {"ident", 'i', 0, G_OPTION_ARG_STRING, &ident, "The name of the process, -i <ident>", nullptr},
         {"fast-join", 'f', 0, G_OPTION_ARG_NONE, &fast_join, "Answer a newly heard sibling with an ANNOUNCE at once",
          nullptr},
+        {"key-file", 'k', 0, G_OPTION_ARG_FILENAME, &key_file, "Authenticate the group with the keys in FILE",
+         "FILE"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
 
@@ -46,6 +53,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     m_fast_join = fast_join;
     m_config_file = adopt(config_file);
     m_ident = adopt(ident);
+    m_key_file = adopt(key_file);
 
     if (parsed && !m_config_file) {
         g_ptr<char> help(g_option_context_get_help(context.get(), TRUE, nullptr));
@@ -66,6 +74,8 @@ int service::run(int argc, char** argv)
     // command line must be resolved here, where the caller's directory still
     // applies; every later load and save then uses the same file.
     m_config_file = adopt(g_canonicalize_filename(m_config_file.get(), nullptr));
+    if (m_key_file && !load_keys())
+        return 1;
 
     // Still attached to the caller here, so a failure shows where it was started.
     if (!package().create_top_directory()) {
@@ -83,6 +93,10 @@ int service::run(int argc, char** argv)
 
     m_main_loop = adopt(g_main_loop_new(nullptr, FALSE));
 
+    // Made in the background process: a file monitor runs a GLib thread.
+    if (m_group_auth && !(m_key_file_observer = key_file_observer::create(m_key_file.get(), *m_group_auth)))
+        return 1;
+
     m_settings = settings::create(m_config_file.get());
     if (!m_settings) {
         g_warning("Failed to read configuration");
@@ -92,6 +106,7 @@ int service::run(int argc, char** argv)
     // Starts itself when Enabled is set and the package runs.
     monitor_environment environment;
     environment.fast_join = m_fast_join;
+    environment.auth = m_group_auth.get();
     m_monitor = monitor::create(*m_settings, std::move(environment));
     if (!m_monitor) {
         g_warning("Failed to set up monitor");
@@ -118,6 +133,18 @@ int service::run(int argc, char** argv)
     g_main_loop_run(m_main_loop.get());
     m_main_loop.reset();
     return 0;
+}
+
+// Before the service goes to the background, so the refusal reaches whoever
+// started it, and from a path resolved where it was started.
+bool service::load_keys()
+{
+    m_key_file = adopt(g_canonicalize_filename(m_key_file.get(), nullptr));
+    std::string error;
+    m_group_auth = group_auth::create(group_keys::load(m_key_file.get(), error));
+    if (!m_group_auth)
+        g_warning("%s", error.c_str());
+    return m_group_auth != nullptr;
 }
 
 } // namespace kw

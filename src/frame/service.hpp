@@ -2,6 +2,7 @@
 
 #include "platform/g_ptr.hpp"
 #include "src/config/settings.hpp"
+#include "src/frame/key_file_observer.hpp"
 #include "src/frame/package_observer.hpp"
 #include "src/surfaces/dbus_api.hpp"
 #include "src/tracking/monitor.hpp"
@@ -27,12 +28,17 @@ private:
     // False when no configuration file was given (the help is printed then).
     // A malformed command line ends the process.
     bool parse_command_line(int* argc, char*** argv);
+    // With -k: the keys, or false after a warning naming the file and the problem.
+    bool load_keys();
 
     bool m_no_daemon = false;
     bool m_fast_join = false;
     g_ptr<char> m_config_file;
     g_ptr<char> m_ident;
+    g_ptr<char> m_key_file;
     g_ptr<GMainLoop> m_main_loop;
+    std::unique_ptr<group_auth> m_group_auth;
+    std::unique_ptr<key_file_observer> m_key_file_observer;
     std::unique_ptr<settings> m_settings;
     std::unique_ptr<monitor> m_monitor;
     std::unique_ptr<package_observer> m_package_observer;

@@ -137,11 +137,13 @@ bool mcast_receiver::hear_own_interface_only()
     return true;
 }
 
-ssize_t mcast_receiver::receive(void* buffer, std::size_t capacity)
+ssize_t mcast_receiver::receive(void* buffer, std::size_t capacity, sockaddr_storage* source)
 {
     iovec data {buffer, capacity};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(in_pktinfo))];
     msghdr header {};
+    header.msg_name = source;
+    header.msg_namelen = source ? sizeof *source : 0;
     header.msg_iov = &data;
     header.msg_iovlen = 1;
     header.msg_control = control;

@@ -35,9 +35,9 @@ public:
     static constexpr ssize_t none_waiting = -2;
     static constexpr ssize_t other_interface = -3;
 
-    // Takes one datagram without waiting. A datagram that arrived on another
-    // interface is consumed and dropped.
-    ssize_t receive(void* buffer, std::size_t capacity);
+    // Takes one datagram without waiting, and its source address when asked.
+    // A datagram that arrived on another interface is consumed and dropped.
+    ssize_t receive(void* buffer, std::size_t capacity, sockaddr_storage* source = nullptr);
 
     struct private_tag {
         explicit private_tag() = default;

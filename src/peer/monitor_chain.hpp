@@ -23,7 +23,8 @@ public:
     // datagrams wait in it until the chain starts. Logs the failure cascade
     // and returns nullptr, having taken apart what it built.
     static std::unique_ptr<monitor_chain> create(const std::string& interface, const std::string& address, int port,
-                                                 int ttl, message_queue& receive_queue, std::uint32_t group);
+                                                 int ttl, message_queue& receive_queue, std::uint32_t group,
+                                                 group_auth* auth = nullptr);
 
     monitor_chain(const monitor_chain&) = delete;
     monitor_chain& operator=(const monitor_chain&) = delete;
@@ -50,7 +51,7 @@ public:
 private:
     bool setup_sender(const std::string& interface, const std::string& address, int port, int ttl);
     bool setup_receiver(const std::string& interface, const std::string& address, int port,
-                        message_queue& receive_queue, std::uint32_t group);
+                        message_queue& receive_queue, std::uint32_t group, group_auth* auth);
 
     std::unique_ptr<mcast_sender> m_mcast_sender;
     std::unique_ptr<message_queue> m_send_queue;

@@ -5,20 +5,21 @@ namespace kw {
 std::unique_ptr<monitor_interface> monitor_interface::create(const std::string& name, const std::string& ipv4_address,
                                                              const std::string& ipv6_address, std::uint16_t port,
                                                              int ttl, message_queue& receive_queue,
-                                                             std::uint32_t group)
+                                                             std::uint32_t group, group_auth* auth)
 {
     return std::make_unique<monitor_interface>(private_tag {}, name, ipv4_address, ipv6_address, port, ttl,
-                                               receive_queue, group);
+                                               receive_queue, group, auth);
 }
 
 monitor_interface::monitor_interface(private_tag, const std::string& name, const std::string& ipv4_address,
                                      const std::string& ipv6_address, std::uint16_t port, int ttl,
-                                     message_queue& receive_queue, std::uint32_t group)
+                                     message_queue& receive_queue, std::uint32_t group, group_auth* auth)
     : m_name(name)
     , m_port(port)
     , m_ttl(ttl)
     , m_group(group)
     , m_receive_queue(receive_queue)
+    , m_auth(auth)
     , m_ipv4 {ipv4_address, nullptr, "monitor_interface: failed to setup ipv4 chain",
               "monitor_interface: failed to start ipv4 address"}
     , m_ipv6 {ipv6_address, nullptr, "monitor_interface: failed to setup ipv6 chain",
@@ -36,7 +37,7 @@ bool monitor_interface::setup(family& f)
 {
     if (f.chain)
         return true;
-    f.chain = monitor_chain::create(m_name, f.address, m_port, m_ttl, m_receive_queue, m_group);
+    f.chain = monitor_chain::create(m_name, f.address, m_port, m_ttl, m_receive_queue, m_group, m_auth);
     if (!f.chain) {
         g_warning("%s", f.setup_failed);
         return false;

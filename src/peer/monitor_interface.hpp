@@ -14,10 +14,12 @@ namespace kw {
 // chains, one per address family. Used on the main thread only.
 class monitor_interface {
 public:
-    // The receive queue is the engine's and must outlive the interface.
+    // The receive queue and the group_auth, if any, are the engine's and
+    // must outlive the interface.
     static std::unique_ptr<monitor_interface> create(const std::string& name, const std::string& ipv4_address,
                                                      const std::string& ipv6_address, std::uint16_t port, int ttl,
-                                                     message_queue& receive_queue, std::uint32_t group);
+                                                     message_queue& receive_queue, std::uint32_t group,
+                                                     group_auth* auth = nullptr);
 
     monitor_interface(const monitor_interface&) = delete;
     monitor_interface& operator=(const monitor_interface&) = delete;
@@ -60,7 +62,7 @@ public:
     };
     monitor_interface(private_tag, const std::string& name, const std::string& ipv4_address,
                       const std::string& ipv6_address, std::uint16_t port, int ttl, message_queue& receive_queue,
-                      std::uint32_t group);
+                      std::uint32_t group, group_auth* auth);
 
 private:
     // What differs between the two families.
@@ -83,6 +85,7 @@ private:
     int m_ttl;
     std::uint32_t m_group;
     message_queue& m_receive_queue;
+    group_auth* m_auth;
     family m_ipv4;
     family m_ipv6;
     in_addr m_own_ipv4 {};

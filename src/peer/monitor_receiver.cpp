@@ -14,18 +14,19 @@ constexpr const char* thread_name = "monitor_receiver_start_local";
 } // namespace
 
 std::unique_ptr<monitor_receiver> monitor_receiver::create(mcast_receiver& receiver, message_queue& receive_queue,
-                                                           std::uint32_t group)
+                                                           std::uint32_t group, group_auth* auth)
 {
-    auto monitor = std::make_unique<monitor_receiver>(private_tag {}, receiver, receive_queue, group);
+    auto monitor = std::make_unique<monitor_receiver>(private_tag {}, receiver, receive_queue, group, auth);
     if (!monitor->m_stop_pipe.open())
         return nullptr;
     return monitor;
 }
 
 monitor_receiver::monitor_receiver(private_tag, mcast_receiver& receiver, message_queue& receive_queue,
-                                   std::uint32_t group)
+                                   std::uint32_t group, group_auth* auth)
     : m_mcast_receiver(receiver)
     , m_receive_queue(receive_queue)
+    , m_auth(auth)
     , m_group(group)
 {
 }
@@ -117,21 +118,23 @@ void monitor_receiver::drain(std::uint8_t* buffer)
             group = m_group;
         }
         // A longer datagram is cut to the buffer's size and then fails to decode.
-        ssize_t received = m_mcast_receiver.receive(buffer, buffer_size);
+        sockaddr_storage source {};
+        ssize_t received = m_mcast_receiver.receive(buffer, buffer_size, &source);
         if (received == mcast_receiver::none_waiting)
             return;
-        handle(buffer, received, group);
+        handle(buffer, received, group, source);
     }
 }
 
 // Datagrams of other groups, looked at before a message is made, and rejected
 // datagrams are dropped without a log line; so are those a full queue refuses,
-// which the queue counts.
-void monitor_receiver::handle(const std::uint8_t* data, ssize_t length, std::uint32_t group)
+// which the queue counts, and those the group_auth refuses, which it counts.
+void monitor_receiver::handle(const std::uint8_t* data, ssize_t length, std::uint32_t group,
+                              const sockaddr_storage& source)
 {
     if (peer_message::peek_group(data, length) != group)
         return;
-    auto message = peer_message::decode(data, length);
+    auto message = m_auth ? m_auth->decode(data, length, source) : peer_message::decode(data, length);
     if (!message)
         return;
     switch (message->get_type()) {

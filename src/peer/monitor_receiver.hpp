@@ -2,6 +2,7 @@
 
 #include "platform/g_ptr.hpp"
 #include "platform/unique_fd.hpp"
+#include "src/peer/group_auth.hpp"
 #include "src/peer/mcast_receiver.hpp"
 #include "src/peer/message_queue.hpp"
 
@@ -13,8 +14,10 @@ namespace kw {
 
 // Owns the receiving thread of one chain: it waits on the chain's
 // mcast_receiver, keeps the datagrams of its sibling group, decodes them and
-// pushes the messages onto the engine's receive queue. The socket belongs
-// to the chain and the queue to the engine; both must outlive this object.
+// pushes the messages onto the engine's receive queue. With a group_auth it
+// keeps only the keyed datagrams that pass its checks. The socket belongs to
+// the chain, the queue and the group_auth to the engine; all must outlive
+// this object.
 class monitor_receiver {
 public:
     static constexpr std::size_t buffer_size = 1024;
@@ -23,7 +26,7 @@ public:
 
     // Opens the stop pipe; nullptr when it cannot be made.
     static std::unique_ptr<monitor_receiver> create(mcast_receiver& receiver, message_queue& receive_queue,
-                                                    std::uint32_t group);
+                                                    std::uint32_t group, group_auth* auth = nullptr);
 
     monitor_receiver(const monitor_receiver&) = delete;
     monitor_receiver& operator=(const monitor_receiver&) = delete;
@@ -45,16 +48,18 @@ public:
     struct private_tag {
         explicit private_tag() = default;
     };
-    monitor_receiver(private_tag, mcast_receiver& receiver, message_queue& receive_queue, std::uint32_t group);
+    monitor_receiver(private_tag, mcast_receiver& receiver, message_queue& receive_queue, std::uint32_t group,
+                     group_auth* auth);
 
 private:
     static gpointer run_thread(gpointer self);
     void run();
     void drain(std::uint8_t* buffer);
-    void handle(const std::uint8_t* data, ssize_t length, std::uint32_t group);
+    void handle(const std::uint8_t* data, ssize_t length, std::uint32_t group, const sockaddr_storage& source);
 
     mcast_receiver& m_mcast_receiver;
     message_queue& m_receive_queue;
+    group_auth* m_auth;
     unique_pipe m_stop_pipe;
     mutable std::recursive_mutex m_lock; // guards m_running, m_group and m_thread
     bool m_running = false;

@@ -105,6 +105,8 @@ std::optional<std::vector<std::uint8_t>> peer_message::encode() const
     } else if (m_type == DISPATCHED) {
         write_node_id(&buffer[12], m_dispatched_node_id);
     }
+    if (m_trailer)
+        buffer.insert(buffer.end(), m_trailer->begin(), m_trailer->end());
     return buffer;
 }
 

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -25,6 +26,9 @@ inline constexpr std::uint8_t PEER_MESSAGE_VERSION = 1;
 inline constexpr std::size_t PEER_MESSAGE_ANNOUNCE_LENGTH = 32;
 inline constexpr std::size_t PEER_MESSAGE_DISPATCHED_LENGTH = 18;
 inline constexpr std::size_t PEER_MESSAGE_LEAVE_LENGTH = 12;
+// What an authenticated group appends to each datagram (see group_auth).
+inline constexpr std::size_t PEER_MESSAGE_TRAILER_LENGTH = 28;
+using peer_trailer = std::array<std::uint8_t, PEER_MESSAGE_TRAILER_LENGTH>;
 
 // One ANNOUNCE, DISPATCHED or LEAVE message. All three kinds share the head
 // (type, version, group, node id); the fields of the other kinds stay zero.
@@ -46,8 +50,11 @@ public:
 
     std::unique_ptr<peer_message> copy() const;
 
-    // The wire bytes, exactly 32, 18 or 12 of them.
+    // The wire bytes, exactly 32, 18 or 12 of them, then the trailer if any.
     std::optional<std::vector<std::uint8_t>> encode() const;
+    // A message is signed once on the main thread; its copies, for every
+    // interface and family, carry the same trailer.
+    void set_trailer(const std::optional<peer_trailer>& trailer) { m_trailer = trailer; }
 
     // One debug line describing the message.
     void print() const;
@@ -75,6 +82,7 @@ private:
     in_addr m_ipv4 {};
     in6_addr m_ipv6 {};
     node_id m_dispatched_node_id = 0;
+    std::optional<peer_trailer> m_trailer;
 };
 
 } // namespace kw

@@ -160,7 +160,8 @@ bool monitor::add_interface(const std::string& name)
         return false;
     }
     auto interface = monitor_interface::create(name, ipv4_group, ipv6_group, m_settings.get_port(),
-                                               m_settings.get_ttl(), *m_receive_queue, m_settings.get_group());
+                                               m_settings.get_ttl(), *m_receive_queue, m_settings.get_group(),
+                                               m_environment.auth);
     if (!interface)
         return false;
     m_interfaces.emplace(name, std::move(interface));
@@ -220,6 +221,10 @@ void monitor::broadcast(std::unique_ptr<peer_message> message)
     if (!m_running || !message)
         return;
     message->print();
+    // Signed once: every copy, on every interface and family, carries the
+    // same sequence number, so receivers tell copies from replays.
+    if (m_environment.auth)
+        m_environment.auth->sign(*message, m_environment.auth->next_sequence());
     for (auto& [name, interface] : m_interfaces)
         interface->send(message->copy());
 }
@@ -228,10 +233,14 @@ void monitor::send_announce()
 {
     if (!m_running)
         return;
+    // The variants of one announcement share a sequence number, each with its own MAC.
+    std::uint64_t sequence = m_environment.auth ? m_environment.auth->next_sequence() : 0;
     for (auto& [name, interface] : m_interfaces) {
         auto message = peer_message::announce_new(m_own_node_id, m_settings.get_group(), interface->own_ipv4(),
                                                   interface->own_ipv6());
         message->print();
+        if (m_environment.auth)
+            m_environment.auth->sign(*message, sequence);
         interface->send(std::move(message));
     }
 }
@@ -277,8 +286,15 @@ constexpr std::size_t heap_trim_after = 256;
 bool monitor::process_tick()
 {
     m_answered = false;
+    if (!m_running)
+        return true;
+    // A sender's replay state lives as long as a table holds it.
+    if (group_auth* auth = m_environment.auth) {
+        auth->prune([this](node_id id) { return m_known_nodes->lookup(id) || m_lost_nodes->lookup(id); });
+        auth->warn_refusals(m_environment.monotonic());
+    }
     // Without an interface nothing is taken from the queue and nothing expires.
-    if (!m_running || m_interfaces.empty())
+    if (m_interfaces.empty())
         return true;
 
     // A busy queue lock ends the drain early; the rest waits for the next tick.

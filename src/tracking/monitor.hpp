@@ -5,6 +5,7 @@
 #include "src/hostnet/interface_state.hpp"
 #include "src/hostnet/link_watcher.hpp"
 #include "src/hostnet/mac_address.hpp"
+#include "src/peer/group_auth.hpp"
 #include "src/peer/message_queue.hpp"
 #include "src/peer/monitor_interface.hpp"
 #include "src/peer/peer_message.hpp"
@@ -36,6 +37,9 @@ struct monitor_environment {
     // interface gets its first running chain after the start, and when a
     // DISPATCHED declares this node lost; at most once per process period.
     bool fast_join = false;
+    // The authenticated group's keys and state (the -k option), or none: then
+    // every datagram is plain, as without the option. Outlives the monitor.
+    group_auth* auth = nullptr;
 };
 
 // The engine. While it runs it owns the node tables, one monitor_interface

@@ -42,6 +42,12 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
     test::temp_dir dir;
     std::string bad_ttl = dir.write("bad_ttl.conf", "# dropped\n" + settings("0", "true"));
     const int fatal = -1;
+    auto key_file = [&](const std::string& name, const std::string& text, mode_t mode = 0600) {
+        std::string path = dir.write(name, text);
+        chmod(path.c_str(), mode);
+        return std::vector<std::string> {"-n", "-c", bad_ttl, "-k", path};
+    };
+    const std::string key = std::string(64, 'a') + "\n";
     const struct {
         std::vector<std::string> args;
         int status;
@@ -50,11 +56,19 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
     } rows[] = {
         {{"-n"}, 1, false, {"Usage:", " Kinwatch\n", "-n, --no-daemon", "Do not run in background", "-c, --config_file",
                             "Specify configuration file, -c <filename>", "-i, --ident", "The name of the process, -i <ident>",
-                            "-f, --fast-join", "Answer a newly heard sibling with an ANNOUNCE at once"}},
+                            "-f, --fast-join", "Answer a newly heard sibling with an ANNOUNCE at once",
+                            "-k, --key-file=FILE", "Authenticate the group with the keys in FILE"}},
         {{"-n", "--bogus"}, fatal, false, {"Unknown option --bogus"}},
         {{"-n", "-c"}, fatal, false, {"Missing argument for -c"}},
         {{"-n", "-c", dir.file("missing.conf")}, 1, true, {"WARNING **: ", ": Failed to read configuration\n"}},
         {{"-n", "-c", bad_ttl}, 1, true, {": Failed to set up monitor\n"}},
+        // A refused key file stops the start before anything else is done.
+        {key_file("shared.key", key, 0640), 1, false, {"shared.key: readable or writable by group or others (mode 0640)"}},
+        {key_file("hex.key", "# ok\n" + key + key.substr(1, 63) + "x\n"), 1, false, {"hex.key: line 3 is not a key of 64 hex digits\n"}},
+        {key_file("short.key", key.substr(32)), 1, false, {"short.key: line 1 is not a key of 64 hex digits\n"}},
+        {key_file("empty.key", "# none\n"), 1, false, {"empty.key: no key\n"}},
+        {key_file("five.key", key + key + "\n# rotated\n" + key + key + key), 1, false, {"five.key: more than 4 keys\n"}},
+        {{"-n", "-c", bad_ttl, "-k", dir.file("missing.key")}, 1, false, {"missing.key: cannot open: No such file or directory\n"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.args));

@@ -26,7 +26,22 @@ struct camera_options {
     int ttl = 1, max_hosts = 16;
     std::uint32_t group = lab_group;
     node_id id = 0x020000000001ULL;
+    std::string keys = ""; // a key file's text: the camera is keyed
 };
+
+// A line of a key file: the digit 64 times.
+inline std::string test_key(char digit)
+{
+    return std::string(64, digit) + "\n";
+}
+
+inline std::unique_ptr<peer_message> announce(node_id id, const char* ipv4, const char* ipv6, std::uint32_t group = lab_group)
+{
+    in_addr v4 {};
+    in6_addr v6 {};
+    inet_pton(AF_INET, ipv4, &v4), inet_pton(AF_INET6, ipv6, &v6);
+    return peer_message::announce_new(id, group, v4, v6);
+}
 
 inline std::string settings_text(const camera_options& o)
 {
@@ -40,6 +55,9 @@ class camera {
 public:
     explicit camera(camera_options options = {}) : m_fast_join(options.fast_join)
     {
+        std::string error;
+        if (!options.keys.empty())
+            m_auth = group_auth::create(group_keys::parse(options.keys, "keys", error));
         m_dir.write("kinwatch.conf", settings_text(options));
         g_mkdir_with_parents(m_dir.file("sys/eth0").c_str(), 0755);
         m_dir.write("sys/eth0/address", mac_address::format(options.id) + "\n");
@@ -56,10 +74,11 @@ public:
             inside.emplace(*ns);
         m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"),
                                                   [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; },
-                                                  m_fast_join});
+                                                  m_fast_join, m_auth.get()});
         return m_monitor.get();
     }
     monitor* engine() { return m_monitor.get(); }
+    group_auth* auth() { return m_auth.get(); }
     settings& config() { return *m_settings; }
     temp_dir& dir() { return m_dir; }
     std::string config_text() const { return m_dir.read("kinwatch.conf").value_or(""); }
@@ -72,10 +91,7 @@ public:
     void inject_announce(node_id id, const char* ipv4 = "10.77.0.9", const char* ipv6 = "fd77::9",
                          std::optional<std::uint32_t> group = {})
     {
-        in_addr v4 {};
-        in6_addr v6 {};
-        inet_pton(AF_INET, ipv4, &v4), inet_pton(AF_INET6, ipv6, &v6);
-        inject(peer_message::announce_new(id, group.value_or(m_settings->get_group()), v4, v6));
+        inject(announce(id, ipv4, ipv6, group.value_or(m_settings->get_group())));
     }
 
 private:
@@ -84,6 +100,7 @@ private:
     g_ptr<GDateTime> m_wall = adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0));
     gint64 m_monotonic = 7 * G_TIME_SPAN_DAY; // as long after boot as any real reading
     std::unique_ptr<settings> m_settings;
+    std::unique_ptr<group_auth> m_auth;
     std::unique_ptr<monitor> m_monitor;
 };
 
