@@ -249,7 +249,7 @@ void link_watcher::on_new_link(rtnl_link* link)
     // Another index under a known name: the earlier link went away unseen
     // (or a message about it came late), so it is removed first.
     if (entry != m_interfaces.end())
-        remove(entry);
+        remove_link(entry);
     // Reported as not up until its first address message.
     entry = m_interfaces.emplace(name, known_link {{}, index}).first;
     notify(entry->second.state, entry->first);
@@ -261,10 +261,10 @@ void link_watcher::on_removed_link(rtnl_link* link)
     auto entry = name ? m_interfaces.find(name) : m_interfaces.end();
     // A late delete of an earlier link of that name leaves the present one alone.
     if (entry != m_interfaces.end() && entry->second.index == rtnl_link_get_ifindex(link))
-        remove(entry);
+        remove_link(entry);
 }
 
-link_watcher::link_table::iterator link_watcher::remove(link_table::iterator entry)
+link_watcher::link_table::iterator link_watcher::remove_link(link_table::iterator entry)
 {
     // The addresses stay as last reported, so a listener still knows what it had.
     interface_state& state = entry->second.state;
@@ -310,7 +310,7 @@ void link_watcher::resynchronise()
     if (refill_links()) {
         for (auto entry = m_interfaces.begin(); entry != m_interfaces.end();) {
             if (rtnl_link_name2i(m_link_cache.get(), entry->first.c_str()) != entry->second.index)
-                entry = remove(entry);
+                entry = remove_link(entry);
             else
                 ++entry;
         }

@@ -84,7 +84,7 @@ private:
     void on_object(nl_object* object);
     void on_new_link(rtnl_link* link);
     void on_removed_link(rtnl_link* link);
-    link_table::iterator remove(link_table::iterator entry);
+    link_table::iterator remove_link(link_table::iterator entry);
     bool refill_links();
     void refresh_addresses(rtnl_addr* address);
     void resynchronise();
