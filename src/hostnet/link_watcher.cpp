@@ -87,8 +87,11 @@ bool link_watcher::setup(int receive_buffer)
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer, sizeof receive_buffer) != 0)
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
 
+    m_dump_socket = adopt(nl_socket_alloc());
+    if (!m_dump_socket || nl_connect(m_dump_socket.get(), NETLINK_ROUTE) < 0)
+        return false;
     nl_cache* cache = nullptr;
-    if (rtnl_link_alloc_cache(m_socket.get(), AF_UNSPEC, &cache) < 0)
+    if (rtnl_link_alloc_cache(m_dump_socket.get(), AF_UNSPEC, &cache) < 0)
         return false;
     m_link_cache = adopt(cache);
 
@@ -126,9 +129,10 @@ bool link_watcher::take_snapshot()
             continue;
         if (entry->ifa_addr->sa_family != AF_INET && entry->ifa_addr->sa_family != AF_INET6)
             continue;
-        interface_state& state = m_interfaces[entry->ifa_name];
-        state.up = TRUE;
-        store_if_usable(state, entry->ifa_addr);
+        known_link& known = m_interfaces[entry->ifa_name];
+        known.index = rtnl_link_name2i(m_link_cache.get(), entry->ifa_name);
+        known.state.up = TRUE;
+        store_if_usable(known.state, entry->ifa_addr);
     }
     return true;
 }
@@ -156,6 +160,7 @@ link_watcher::~link_watcher()
             nl_cache_put(current);
     }
     m_link_cache.reset();
+    m_dump_socket.reset();
     // Closes the descriptor, which also ends the group memberships.
     m_socket.reset();
     m_interfaces.clear();
@@ -237,33 +242,52 @@ void link_watcher::on_new_link(rtnl_link* link)
     if ((rtnl_link_get_flags(link) & wanted_link_flags) != wanted_link_flags)
         return;
     const char* name = rtnl_link_get_name(link);
-    if (!name || m_interfaces.contains(name))
+    int index = rtnl_link_get_ifindex(link);
+    auto entry = name ? m_interfaces.find(name) : m_interfaces.end();
+    if (!name || (entry != m_interfaces.end() && entry->second.index == index))
         return;
+    // Another index under a known name: the earlier link went away unseen
+    // (or a message about it came late), so it is removed first.
+    if (entry != m_interfaces.end())
+        remove_link(entry);
     // Reported as not up until its first address message.
-    auto [entry, inserted] = m_interfaces.emplace(name, interface_state {});
-    notify(entry->second, entry->first);
+    entry = m_interfaces.emplace(name, known_link {{}, index}).first;
+    notify(entry->second.state, entry->first);
 }
 
 void link_watcher::on_removed_link(rtnl_link* link)
 {
     const char* name = rtnl_link_get_name(link);
     auto entry = name ? m_interfaces.find(name) : m_interfaces.end();
-    if (entry == m_interfaces.end())
-        return;
+    // A late delete of an earlier link of that name leaves the present one alone.
+    if (entry != m_interfaces.end() && entry->second.index == rtnl_link_get_ifindex(link))
+        remove_link(entry);
+}
+
+link_watcher::link_table::iterator link_watcher::remove_link(link_table::iterator entry)
+{
     // The addresses stay as last reported, so a listener still knows what it had.
-    entry->second.up = FALSE;
-    entry->second.ipv4_enabled = FALSE;
-    entry->second.ipv6_enabled = FALSE;
-    notify(entry->second, entry->first);
-    m_interfaces.erase(entry);
+    interface_state& state = entry->second.state;
+    state.up = FALSE;
+    state.ipv4_enabled = FALSE;
+    state.ipv6_enabled = FALSE;
+    notify(state, entry->first);
+    return m_interfaces.erase(entry);
+}
+
+// A failed dump may leave the cache empty; the next unknown index asks again.
+bool link_watcher::refill_links()
+{
+    return nl_cache_refill(m_dump_socket.get(), m_link_cache.get()) >= 0;
 }
 
 void link_watcher::refresh_addresses(rtnl_addr* address)
 {
-    // The link cache is never refreshed, so links made after creation are
-    // unknown here and their addresses are ignored.
+    // A link made after the latest dump is not in the cache yet.
+    int index = rtnl_addr_get_ifindex(address);
     char name[IFNAMSIZ] = {};
-    if (!rtnl_link_i2name(m_link_cache.get(), rtnl_addr_get_ifindex(address), name, sizeof name))
+    if (!rtnl_link_i2name(m_link_cache.get(), index, name, sizeof name) &&
+        !(refill_links() && rtnl_link_i2name(m_link_cache.get(), index, name, sizeof name)))
         return;
     auto entry = m_interfaces.find(name);
     if (entry == m_interfaces.end())
@@ -275,19 +299,30 @@ void link_watcher::refresh_addresses(rtnl_addr* address)
     if (getifaddrs(&list) != 0)
         return;
     g_ptr<ifaddrs> owned = adopt(list);
-    refresh(list, entry->first, entry->second);
+    refresh(list, entry->first, entry->second.state);
 }
 
-// Lost notifications may have changed any interface of the table; links that
-// came or went meanwhile are seen at their next link message, as ever.
+// Lost notifications may have removed, made or changed any link. A fresh
+// dump tells which links there are (a known name under another index is a
+// link deleted and made again), then the snapshot tells their addresses.
 void link_watcher::resynchronise()
 {
+    if (refill_links()) {
+        for (auto entry = m_interfaces.begin(); entry != m_interfaces.end();) {
+            if (rtnl_link_name2i(m_link_cache.get(), entry->first.c_str()) != entry->second.index)
+                entry = remove_link(entry);
+            else
+                ++entry;
+        }
+        for (nl_object* link = nl_cache_get_first(m_link_cache.get()); link; link = nl_cache_get_next(link))
+            on_new_link(reinterpret_cast<rtnl_link*>(link));
+    }
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0)
         return;
     g_ptr<ifaddrs> owned = adopt(list);
-    for (auto& [name, state] : m_interfaces)
-        refresh(list, name, state);
+    for (auto& [name, known] : m_interfaces)
+        refresh(list, name, known.state);
 }
 
 // Reports the interface when the snapshot gives it another state.
@@ -331,8 +366,8 @@ std::uint32_t link_watcher::add_listener(link_watcher_callback callback, void* u
     auto found = m_listeners.find(id);
     if (found != m_listeners.end()) {
         link_listener listener = found->second;
-        for (const auto& [name, state] : m_interfaces)
-            listener.callback(id, state, name.c_str(), listener.user_data);
+        for (const auto& [name, known] : m_interfaces)
+            listener.callback(id, known.state, name.c_str(), listener.user_data);
     }
     return id;
 }

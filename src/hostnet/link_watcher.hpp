@@ -66,6 +66,12 @@ private:
         link_watcher_callback callback = nullptr;
         void* user_data = nullptr;
     };
+    // The index tells a link from a later one of the same name.
+    struct known_link {
+        interface_state state;
+        int index = 0;
+    };
+    using link_table = std::map<std::string, known_link>;
 
     static gboolean on_readable_trampoline(GIOChannel* channel, GIOCondition condition, gpointer self);
     static int on_message_trampoline(nl_msg* message, void* self);
@@ -78,6 +84,8 @@ private:
     void on_object(nl_object* object);
     void on_new_link(rtnl_link* link);
     void on_removed_link(rtnl_link* link);
+    link_table::iterator remove_link(link_table::iterator entry);
+    bool refill_links();
     void refresh_addresses(rtnl_addr* address);
     void resynchronise();
     void refresh(const ifaddrs* list, const std::string& name, interface_state& stored);
@@ -85,6 +93,9 @@ private:
     void remove_source();
 
     g_ptr<nl_sock> m_socket;
+    // Joins no group, so a link dump never mixes with notifications.
+    g_ptr<nl_sock> m_dump_socket;
+    // Index to name, as of the latest dump.
     g_ptr<nl_cache> m_link_cache;
     bool m_cache_provided = false;
     // Held while the listener table changes and for the whole of every
@@ -96,7 +107,7 @@ private:
     g_ptr<GIOChannel> m_channel;
     guint m_watch_id = 0;
     // Main thread only, so it needs no lock.
-    std::map<std::string, interface_state> m_interfaces;
+    link_table m_interfaces;
 };
 
 } // namespace kw

@@ -1,6 +1,7 @@
 // Real monitors in private network namespaces, fed through the receive queue,
 // ticked by hand. Probes on a second host hear what the monitor sends.
 
+#include "src/peer/mcast_sender.hpp"
 #include "tests/peer/probe.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/tracking/monitor_harness.hpp"
@@ -9,6 +10,8 @@
 #include <sodium.h>
 
 #include <numeric>
+
+#include <filesystem>
 
 namespace kw::test {
 namespace {
@@ -397,6 +400,42 @@ TEST_F(monitor_test, keyed_cameras_know_only_those_that_share_a_key)
         known += ";";
     }
     EXPECT_EQ(known, "2;1;;;");
+}
+
+// A link made while the monitor runs, on a second network, gets its chain at
+// its first usable address; deleted, its threads end; made again (another
+// index), it is used again.
+TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_when_made_again)
+{
+    netns &here = *m_lab->host(0).ns, other("other");
+    netns_enter inside(here); // where the watcher reads the addresses and the new chains are made
+    camera cam({.id = 1});
+    monitor& engine = start(cam);
+    auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    auto settle_at = [&](long count) {
+        return wait_until([&] { return !g_main_context_iteration(nullptr, FALSE) && threads() == count; });
+    };
+    const auto before = threads();
+    for (node_id sibling : {0x50, 0x51}) {
+        ASSERT_TRUE(other.must_exec("ip link add eth1 type veth peer name eth0 && ip link set eth1 netns " +
+                                    here.name() + " && ip addr add 10.78.0.2/24 dev eth0 && ip link set eth0 up"));
+        ASSERT_TRUE(here.must_exec("ip link set eth1 up && ip addr add 10.78.0.1/24 dev eth1"));
+        ASSERT_TRUE(settle_at(before + 2)) << "the IPv4 chain's sender and receiver";
+        std::unique_ptr<probe> listener;
+        {
+            netns_enter in(other);
+            ASSERT_TRUE(other.wait_until_up("eth0") && (listener = probe::open("eth0", lab_ipv4_group, lab_port)));
+            auto sent = *peer_message::announce_new(sibling, lab_group, {}, {})->encode();
+            mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1)->send(sent.data(), sent.size());
+        }
+        ASSERT_TRUE(wait_until([&] { return engine.get_receive_queue()->length() > 0; }));
+        engine.process_tick();
+        EXPECT_EQ(place(engine, sibling), "known");
+        EXPECT_TRUE(engine.announce_tick());
+        EXPECT_EQ(heard(*listener, 1), "A 7 1 at 10.78.0.1 ::, ") << "its own addresses";
+        ASSERT_TRUE(here.must_exec("ip link del eth1"));
+        EXPECT_TRUE(settle_at(before));
+    }
 }
 
 TEST_F(monitor_test, max_hosts_bounds_both_tables)
