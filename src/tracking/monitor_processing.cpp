@@ -1,0 +1,194 @@
+// The monitor's periodic work: the 5-second tick applies what the receivers
+// queued and declares silent siblings lost, the 55-second tick announces.
+
+#include "src/tracking/monitor.hpp"
+
+#include <malloc.h>
+
+namespace kw {
+
+gboolean monitor::process_tick_trampoline(gpointer self)
+{
+    return static_cast<monitor*>(self)->process_tick() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+gboolean monitor::announce_tick_trampoline(gpointer self)
+{
+    return static_cast<monitor*>(self)->announce_tick() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+bool monitor::announce_tick()
+{
+    if (!m_interfaces.empty())
+        send_announce();
+    return true;
+}
+
+void monitor::answer_if_due()
+{
+    if (!m_answer_due || m_answered)
+        return;
+    m_answer_due = false;
+    m_answered = true;
+    send_announce();
+}
+
+namespace {
+
+// A tick that freed this many messages gives the heap back to the system.
+constexpr std::size_t heap_trim_after = 256;
+
+} // namespace
+
+bool monitor::process_tick()
+{
+    m_answered = false;
+    if (!m_running)
+        return true;
+    // A sender's replay state lives as long as a table holds it.
+    if (group_auth* auth = m_environment.auth) {
+        auth->prune([this](node_id id) { return m_known_nodes->lookup(id) || m_lost_nodes->lookup(id); });
+        auth->warn_refusals(m_environment.monotonic());
+    }
+    // Without an interface nothing is taken from the queue and nothing expires.
+    if (m_interfaces.empty())
+        return true;
+
+    // A busy queue lock ends the drain early; the rest waits for the next tick.
+    std::size_t taken = 0;
+    while (std::unique_ptr<peer_message> message = m_receive_queue->try_pop()) {
+        ++taken;
+        if (!applies(*message))
+            continue;
+        switch (message->get_type()) {
+        case ANNOUNCE:
+            process_announce(std::move(message));
+            break;
+        case DISPATCHED:
+            process_dispatched(*message);
+            break;
+        case LEAVE:
+            process_leave(*message);
+            break;
+        }
+    }
+
+    if (std::uint32_t dropped = m_receive_queue->take_dropped())
+        g_warning("Receive queue full, dropped %u messages", dropped);
+
+    expire_silent_nodes();
+    answer_if_due();
+    // After a flood the freed messages would stay in the process's heap.
+    if (taken >= heap_trim_after)
+        malloc_trim(0);
+    return true;
+}
+
+// A message of another group can still be queued when the group changes: a
+// receiver may have read the old group just before. A message of our own id
+// is our own datagram heard on another port of the same network, where
+// switching multicast loopback off does not help. Neither may touch a table.
+bool monitor::applies(const peer_message& message) const
+{
+    return message.get_group() == m_settings.get_group() && message.get_node_id() != m_own_node_id;
+}
+
+// Main thread only: nobody else pops, so the length tells what pop() finds.
+void monitor::drop_queued()
+{
+    while (m_receive_queue->length() > 0)
+        m_receive_queue->pop();
+}
+
+void monitor::process_announce(std::unique_ptr<peer_message> message)
+{
+    message->print();
+    node_id id = message->get_node_id();
+    m_lost_nodes->remove(id);
+
+    monitor_message_type* old = nullptr;
+    if (m_known_nodes->lookup(id, &old)) {
+        // A refresh is a new record that keeps the old first-seen time.
+        g_ptr<GDateTime> first_seen = ref(old->get_first_seen());
+        m_known_nodes->remove(id);
+        auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
+        if (!record)
+            return;
+        record->set_first_seen(std::move(first_seen));
+        monitor_message_type* stored = record.get();
+        if (m_known_nodes->insert(id, record))
+            stored->print();
+        return;
+    }
+
+    auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
+    if (!record)
+        return;
+    monitor_message_type* stored = record.get();
+    // A node the full table cannot record raises no SiblingConnected: it
+    // would otherwise be reported again at each of its announcements.
+    if (!m_known_nodes->insert(id, record))
+        return;
+    stored->print();
+    m_events->send_connected(*stored);
+    ask_answer();
+}
+
+void monitor::process_dispatched(const peer_message& message)
+{
+    message.print();
+    if (message.get_dispatched_node_id() == m_own_node_id)
+        ask_answer(); // declared lost while alive
+    std::unique_ptr<monitor_message_type> record = m_known_nodes->steal(message.get_dispatched_node_id());
+    if (!record) {
+        g_warning("Failed to extract message from known nodes table");
+        return;
+    }
+    // The sender of the DISPATCHED has raised SiblingDisconnected already.
+    if (!m_lost_nodes->insert(message.get_dispatched_node_id(), record))
+        g_warning("Couldn't move message to lost nodes, table is full");
+}
+
+void monitor::process_leave(const peer_message& message)
+{
+    message.print();
+    m_known_nodes->remove(message.get_node_id());
+    m_lost_nodes->remove(message.get_node_id());
+}
+
+void monitor::expire_silent_nodes()
+{
+    // One walk lists the silent nodes and counts the live (not stale) nodes
+    // below our own id. Marking a node stale lowers that count, so each
+    // reporter decision costs O(1) and the tick stays linear in the table.
+    // Silence is measured on the monotonic clock (system_monotonic_now says
+    // which and why), never on the wall clock that last seen shows: a step of
+    // the wall clock neither loses a live sibling nor keeps a dead one.
+    const gint64 now = m_environment.monotonic();
+    std::size_t live_below = 0;
+    std::vector<node_id> silent = m_known_nodes->filter_ids([&](const monitor_message_type& record) {
+        if (!record.is_stale() && record.get_message().get_node_id() < m_own_node_id)
+            ++live_below;
+        return now - record.get_last_heard() > silence_limit_us;
+    });
+
+    for (node_id id : silent) {
+        monitor_message_type* record = nullptr;
+        if (!m_known_nodes->lookup(id, &record))
+            continue;
+        if (!record->is_stale() && id < m_own_node_id)
+            --live_below;
+        record->set_stale(1);
+
+        m_reporter = live_below == 0;
+        if (!m_reporter)
+            continue;
+
+        m_events->send_disconnected(*record);
+        std::unique_ptr<monitor_message_type> lost = m_known_nodes->steal(id);
+        m_lost_nodes->insert(id, lost); // a full lost table drops the record silently
+        broadcast(peer_message::dispatched_new(m_own_node_id, id, m_settings.get_group()));
+    }
+}
+
+} // namespace kw

@@ -1,0 +1,159 @@
+// The settings operations that the bus and the package observer use, and
+// copies of the node tables.
+
+#include "src/tracking/monitor.hpp"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+namespace kw {
+
+bool monitor::get_enabled() const
+{
+    return m_settings.get_enabled();
+}
+
+bool monitor::set_enabled(bool enabled)
+{
+    if (enabled == m_settings.get_enabled())
+        return true;
+
+    if (!enabled) {
+        stop();
+        m_settings.set_enabled(false);
+        m_settings.save();
+        return true;
+    }
+
+    m_settings.set_enabled(true);
+    bool result = m_environment.run_state.is_running() ? start() : true;
+    m_settings.save();
+    return result;
+}
+
+bool monitor::get_ttl(unsigned& ttl) const
+{
+    ttl = static_cast<unsigned>(m_settings.get_ttl());
+    return true;
+}
+
+bool monitor::set_ttl(unsigned ttl)
+{
+    // A value that does not fit the setting's range is out of range anyway.
+    int value = ttl > 255 ? 256 : static_cast<int>(ttl);
+    if (m_running) {
+        for (auto& [name, interface] : m_interfaces)
+            if (!interface->set_ttl(value))
+                return false;
+    }
+    if (!m_settings.set_ttl(value))
+        return false;
+    return m_settings.save();
+}
+
+bool monitor::get_group(std::uint32_t& group) const
+{
+    group = m_settings.get_group();
+    return true;
+}
+
+bool monitor::set_group(std::uint32_t group)
+{
+    if (group == m_settings.get_group())
+        return true;
+
+    // A stopped monitor stores and writes the new group number like every
+    // other setting, so it is in force at the next start.
+    if (m_running && m_settings.get_enabled()) {
+        send_leave(); // still carries the old group
+        create_tables();
+        for (auto& [name, interface] : m_interfaces)
+            interface->set_group(group);
+        // Nothing heard in the old group may reach the new tables.
+        drop_queued();
+    }
+    m_settings.set_group(group);
+    return m_settings.save();
+}
+
+bool monitor::get_ipv4_group(std::string& text) const
+{
+    return m_settings.get_ipv4_group(text);
+}
+
+bool monitor::get_ipv6_group(std::string& text) const
+{
+    return m_settings.get_ipv6_group(text);
+}
+
+bool monitor::set_ipv4_group(const std::string& text)
+{
+    return set_multicast_group(AF_INET, text);
+}
+
+bool monitor::set_ipv6_group(const std::string& text)
+{
+    return set_multicast_group(AF_INET6, text);
+}
+
+bool monitor::set_multicast_group(int family, const std::string& text)
+{
+    const bool ipv4 = family == AF_INET;
+    std::string current;
+    bool readable = ipv4 ? m_settings.get_ipv4_group(current) : m_settings.get_ipv6_group(current);
+    if (!is_multicast_group(family, text) || !readable)
+        return false;
+    if (text == current)
+        return true;
+
+    // The nodes stay known; only the chains of that family move to the new group.
+    if (m_running) {
+        send_leave();
+        for (auto& [name, interface] : m_interfaces) {
+            bool moved = ipv4 ? interface->set_ipv4_address(text) : interface->set_ipv6_address(text);
+            if (!moved)
+                return false;
+        }
+    }
+    if (ipv4)
+        m_settings.set_ipv4_group(text);
+    else
+        m_settings.set_ipv6_group(text);
+    return m_settings.save();
+}
+
+monitor::node_list monitor::copy_nodes(monitor_table* table)
+{
+    node_list nodes;
+    if (table)
+        table->foreach([&](monitor_message_type& record) { nodes.push_back(record.copy()); });
+    return nodes;
+}
+
+monitor::node_list monitor::get_known_nodes() const
+{
+    return copy_nodes(m_known_nodes.get());
+}
+
+monitor::node_list monitor::get_lost_nodes() const
+{
+    return copy_nodes(m_lost_nodes.get());
+}
+
+bool monitor::is_multicast_group(int family, const std::string& text)
+{
+    if (family == AF_INET) {
+        in_addr address {};
+        if (inet_pton(AF_INET, text.c_str(), &address) != 1)
+            return false;
+        std::uint8_t first = reinterpret_cast<const std::uint8_t*>(&address)[0];
+        return first >= 224 && first <= 239;
+    }
+    if (family == AF_INET6) {
+        in6_addr address {};
+        return inet_pton(AF_INET6, text.c_str(), &address) == 1 && address.s6_addr[0] == 0xff;
+    }
+    return false;
+}
+
+} // namespace kw
