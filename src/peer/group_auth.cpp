@@ -173,15 +173,17 @@ void group_auth::warn_refusals(gint64 monotonic_now)
         "replayed datagrams",
     };
     for (int reason = 0; reason < refusal_count; ++reason) {
-        if (monotonic_now < m_quiet_until[reason] || m_refused[reason] == 0)
+        std::uint64_t total = m_refused[reason];
+        if (monotonic_now < m_quiet_until[reason] || total == m_reported[reason])
             continue;
-        std::uint32_t count = m_refused[reason].exchange(0);
+        auto count = static_cast<unsigned long long>(total - m_reported[reason]);
+        m_reported[reason] = total;
         std::string source;
         {
             std::lock_guard lock(m_lock);
             source = address_text(m_last_source[reason]);
         }
-        g_warning("Refused %u %s, last from %s", count, what[reason], source.c_str());
+        g_warning("Refused %llu %s, last from %s", count, what[reason], source.c_str());
         m_quiet_until[reason] = monotonic_now + warning_interval_us;
     }
 }

@@ -64,8 +64,9 @@ public:
     // minute, with the count since the last one and the last source.
     void warn_refusals(gint64 monotonic_now);
 
-    std::uint32_t refused(refusal reason) const { return m_refused[reason]; }
-    std::uint32_t duplicates() const { return m_duplicates; }
+    // Totals since creation; any thread.
+    std::uint64_t refused(refusal reason) const { return m_refused[reason]; }
+    std::uint64_t duplicates() const { return m_duplicates; }
 
     struct private_tag {
         explicit private_tag() = default;
@@ -92,12 +93,14 @@ private:
     std::unordered_map<node_id, sender_state> m_senders;
     std::uint64_t m_epoch = 0;
     sockaddr_storage m_last_source[refusal_count] {};
-    std::atomic<std::uint32_t> m_refused[refusal_count] {};
-    std::atomic<std::uint32_t> m_duplicates {0};
+    std::atomic<std::uint64_t> m_refused[refusal_count] {};
+    std::atomic<std::uint64_t> m_duplicates {0};
     // Main thread only.
     wall_clock m_clock;
     std::uint64_t m_sequence = 0;
     gint64 m_quiet_until[refusal_count] {};
+    // The refusals told of by a warning already.
+    std::uint64_t m_reported[refusal_count] {};
 };
 
 } // namespace kw

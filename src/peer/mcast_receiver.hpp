@@ -44,8 +44,10 @@ public:
     };
     explicit mcast_receiver(private_tag) {}
 
-private:
+    // The group's family is IPv4; otherwise it is IPv6.
     bool is_ipv4() const;
+
+private:
     bool bind_wildcard(int port);
     bool join(const std::string& interface, const std::string& group);
     bool hear_own_interface_only();

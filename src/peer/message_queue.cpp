@@ -16,6 +16,7 @@ bool message_queue::push(std::unique_ptr<peer_message> message)
     }
     m_items.push_back(std::move(message));
     ++m_count;
+    m_high_water = std::max(m_high_water, m_items.size());
     m_condition.notify_all();
     return true;
 }

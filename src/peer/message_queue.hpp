@@ -70,6 +70,12 @@ public:
 
     // The number of elements, wake-up markers included.
     int length() const;
+    // The most elements it has held at once.
+    std::size_t high_water() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_high_water;
+    }
 
     // Calls fn with each element, head to tail, under the lock; the elements
     // stay in the queue. A wake-up marker is passed as nullptr.
@@ -92,11 +98,12 @@ public:
 private:
     std::unique_ptr<peer_message> take_head();
 
-    mutable std::mutex m_mutex; // guards m_items and m_count
+    mutable std::mutex m_mutex; // guards m_items, m_count and m_high_water
     std::condition_variable m_condition;
     std::deque<std::unique_ptr<peer_message>> m_items;
     // Pops test the count, not the emptiness of the items.
     int m_count = 0;
+    std::size_t m_high_water = 0;
     const std::size_t m_capacity;
     std::atomic<std::uint32_t> m_dropped {0};
 };

@@ -4,7 +4,7 @@ namespace kw {
 
 std::unique_ptr<monitor_chain> monitor_chain::create(const std::string& interface, const std::string& address,
                                                      int port, int ttl, message_queue& receive_queue,
-                                                     std::uint32_t group, group_auth* auth)
+                                                     std::uint32_t group, receive_checks checks)
 {
     auto chain = std::make_unique<monitor_chain>(private_tag {});
     if (!chain->setup_sender(interface, address, port, ttl)) {
@@ -12,7 +12,7 @@ std::unique_ptr<monitor_chain> monitor_chain::create(const std::string& interfac
         g_warning("monitor_chain: failed to create");
         return nullptr;
     }
-    if (!chain->setup_receiver(interface, address, port, receive_queue, group, auth)) {
+    if (!chain->setup_receiver(interface, address, port, receive_queue, group, checks)) {
         g_warning("monitor_chain: failed to setup receiver");
         g_warning("monitor_chain: failed to create");
         return nullptr;
@@ -43,14 +43,14 @@ bool monitor_chain::setup_sender(const std::string& interface, const std::string
 }
 
 bool monitor_chain::setup_receiver(const std::string& interface, const std::string& address, int port,
-                                   message_queue& receive_queue, std::uint32_t group, group_auth* auth)
+                                   message_queue& receive_queue, std::uint32_t group, receive_checks checks)
 {
     auto socket = mcast_receiver::create(interface, address, port);
     if (!socket) {
         g_warning("monitor_chain: failed to create mcast_receiver");
         return false;
     }
-    auto receiver = monitor_receiver::create(*socket, receive_queue, group, auth);
+    auto receiver = monitor_receiver::create(*socket, receive_queue, group, checks);
     if (!receiver) {
         g_warning("monitor_chain: failed to create monitor_receiver");
         return false;

@@ -24,7 +24,7 @@ public:
     // and returns nullptr, having taken apart what it built.
     static std::unique_ptr<monitor_chain> create(const std::string& interface, const std::string& address, int port,
                                                  int ttl, message_queue& receive_queue, std::uint32_t group,
-                                                 group_auth* auth = nullptr);
+                                                 receive_checks checks = {});
 
     monitor_chain(const monitor_chain&) = delete;
     monitor_chain& operator=(const monitor_chain&) = delete;
@@ -51,7 +51,7 @@ public:
 private:
     bool setup_sender(const std::string& interface, const std::string& address, int port, int ttl);
     bool setup_receiver(const std::string& interface, const std::string& address, int port,
-                        message_queue& receive_queue, std::uint32_t group, group_auth* auth);
+                        message_queue& receive_queue, std::uint32_t group, receive_checks checks);
 
     std::unique_ptr<mcast_sender> m_mcast_sender;
     std::unique_ptr<message_queue> m_send_queue;

@@ -5,21 +5,21 @@ namespace kw {
 std::unique_ptr<monitor_interface> monitor_interface::create(const std::string& name, const std::string& ipv4_address,
                                                              const std::string& ipv6_address, std::uint16_t port,
                                                              int ttl, message_queue& receive_queue,
-                                                             std::uint32_t group, group_auth* auth)
+                                                             std::uint32_t group, receive_checks checks)
 {
     return std::make_unique<monitor_interface>(private_tag {}, name, ipv4_address, ipv6_address, port, ttl,
-                                               receive_queue, group, auth);
+                                               receive_queue, group, checks);
 }
 
 monitor_interface::monitor_interface(private_tag, const std::string& name, const std::string& ipv4_address,
                                      const std::string& ipv6_address, std::uint16_t port, int ttl,
-                                     message_queue& receive_queue, std::uint32_t group, group_auth* auth)
+                                     message_queue& receive_queue, std::uint32_t group, receive_checks checks)
     : m_name(name)
     , m_port(port)
     , m_ttl(ttl)
     , m_group(group)
     , m_receive_queue(receive_queue)
-    , m_auth(auth)
+    , m_checks(checks)
     , m_ipv4 {ipv4_address, nullptr, "monitor_interface: failed to setup ipv4 chain",
               "monitor_interface: failed to start ipv4 address"}
     , m_ipv6 {ipv6_address, nullptr, "monitor_interface: failed to setup ipv6 chain",
@@ -37,7 +37,7 @@ bool monitor_interface::setup(family& f)
 {
     if (f.chain)
         return true;
-    f.chain = monitor_chain::create(m_name, f.address, m_port, m_ttl, m_receive_queue, m_group, m_auth);
+    f.chain = monitor_chain::create(m_name, f.address, m_port, m_ttl, m_receive_queue, m_group, m_checks);
     if (!f.chain) {
         g_warning("%s", f.setup_failed);
         return false;
@@ -66,10 +66,12 @@ bool monitor_interface::stop(family& f)
     return !f.chain || f.chain->stop();
 }
 
-void monitor_interface::send_copy(family& f, const peer_message& message)
+int monitor_interface::send_copy(family& f, const peer_message& message)
 {
-    if (f.chain && f.chain->is_running())
-        f.chain->send(message.copy());
+    if (!f.chain || !f.chain->is_running())
+        return 0;
+    f.chain->send(message.copy());
+    return 1;
 }
 
 bool monitor_interface::set_address(family& f, const std::string& address)
@@ -129,12 +131,11 @@ bool monitor_interface::stop_ipv6()
     return stop(m_ipv6);
 }
 
-void monitor_interface::send(std::unique_ptr<peer_message> message)
+int monitor_interface::send(std::unique_ptr<peer_message> message)
 {
     if (!message)
-        return;
-    send_copy(m_ipv4, *message);
-    send_copy(m_ipv6, *message);
+        return 0;
+    return send_copy(m_ipv4, *message) + send_copy(m_ipv6, *message);
 }
 
 bool monitor_interface::set_ttl(int ttl)

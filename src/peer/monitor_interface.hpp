@@ -14,12 +14,12 @@ namespace kw {
 // chains, one per address family. Used on the main thread only.
 class monitor_interface {
 public:
-    // The receive queue and the group_auth, if any, are the engine's and
-    // must outlive the interface.
+    // The receive queue and the checks are the engine's and must outlive the
+    // interface.
     static std::unique_ptr<monitor_interface> create(const std::string& name, const std::string& ipv4_address,
                                                      const std::string& ipv6_address, std::uint16_t port, int ttl,
                                                      message_queue& receive_queue, std::uint32_t group,
-                                                     group_auth* auth = nullptr);
+                                                     receive_checks checks = {});
 
     monitor_interface(const monitor_interface&) = delete;
     monitor_interface& operator=(const monitor_interface&) = delete;
@@ -39,8 +39,8 @@ public:
     bool stop_ipv6();
 
     // Queues a copy on each running chain, so nothing piles up in a stopped
-    // chain's queue. Takes the message.
-    void send(std::unique_ptr<peer_message> message);
+    // chain's queue. Takes the message; the number of copies queued.
+    int send(std::unique_ptr<peer_message> message);
     // True when every chain took the new TTL; the stored TTL changes only then.
     bool set_ttl(int ttl);
     void set_group(std::uint32_t group);
@@ -62,7 +62,7 @@ public:
     };
     monitor_interface(private_tag, const std::string& name, const std::string& ipv4_address,
                       const std::string& ipv6_address, std::uint16_t port, int ttl, message_queue& receive_queue,
-                      std::uint32_t group, group_auth* auth);
+                      std::uint32_t group, receive_checks checks);
 
 private:
     // What differs between the two families.
@@ -77,7 +77,7 @@ private:
     void teardown(family& f);
     bool start(family& f);
     bool stop(family& f);
-    void send_copy(family& f, const peer_message& message);
+    int send_copy(family& f, const peer_message& message);
     bool set_address(family& f, const std::string& address);
 
     std::string m_name;
@@ -85,7 +85,7 @@ private:
     int m_ttl;
     std::uint32_t m_group;
     message_queue& m_receive_queue;
-    group_auth* m_auth;
+    receive_checks m_checks;
     family m_ipv4;
     family m_ipv6;
     in_addr m_own_ipv4 {};

@@ -14,19 +14,20 @@ constexpr const char* thread_name = "monitor_receiver_start_local";
 } // namespace
 
 std::unique_ptr<monitor_receiver> monitor_receiver::create(mcast_receiver& receiver, message_queue& receive_queue,
-                                                           std::uint32_t group, group_auth* auth)
+                                                           std::uint32_t group, receive_checks checks)
 {
-    auto monitor = std::make_unique<monitor_receiver>(private_tag {}, receiver, receive_queue, group, auth);
+    auto monitor = std::make_unique<monitor_receiver>(private_tag {}, receiver, receive_queue, group, checks);
     if (!monitor->m_stop_pipe.open())
         return nullptr;
     return monitor;
 }
 
 monitor_receiver::monitor_receiver(private_tag, mcast_receiver& receiver, message_queue& receive_queue,
-                                   std::uint32_t group, group_auth* auth)
+                                   std::uint32_t group, receive_checks checks)
     : m_mcast_receiver(receiver)
     , m_receive_queue(receive_queue)
-    , m_auth(auth)
+    , m_checks(checks)
+    , m_ipv4(receiver.is_ipv4())
     , m_group(group)
 {
 }
@@ -132,11 +133,28 @@ void monitor_receiver::drain(std::uint8_t* buffer)
 void monitor_receiver::handle(const std::uint8_t* data, ssize_t length, std::uint32_t group,
                               const sockaddr_storage& source)
 {
-    if (peer_message::peek_group(data, length) != group)
+    peer_statistics* counts = m_checks.statistics;
+    if (length == mcast_receiver::other_interface || length < 0) {
+        if (counts && length == mcast_receiver::other_interface)
+            peer_statistics::add(counts->other_interface);
         return;
-    auto message = m_auth ? m_auth->decode(data, length, source) : peer_message::decode(data, length);
-    if (!message)
+    }
+    if (counts)
+        peer_statistics::add(m_ipv4 ? counts->received_ipv4 : counts->received_ipv6);
+    std::optional<std::uint32_t> datagram_group = peer_message::peek_group(data, length);
+    if (datagram_group != group) {
+        if (counts)
+            peer_statistics::add(datagram_group ? counts->other_group : counts->undecodable);
         return;
+    }
+    group_auth* auth = m_checks.auth;
+    auto message = auth ? auth->decode(data, length, source) : peer_message::decode(data, length);
+    if (!message) {
+        // The group_auth counts its own refusals by reason.
+        if (counts && !auth)
+            peer_statistics::add(counts->undecodable);
+        return;
+    }
     switch (message->get_type()) {
     case ANNOUNCE:
     case DISPATCHED:

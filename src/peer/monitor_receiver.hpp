@@ -5,6 +5,7 @@
 #include "src/peer/group_auth.hpp"
 #include "src/peer/mcast_receiver.hpp"
 #include "src/peer/message_queue.hpp"
+#include "src/peer/peer_statistics.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -15,9 +16,9 @@ namespace kw {
 // Owns the receiving thread of one chain: it waits on the chain's
 // mcast_receiver, keeps the datagrams of its sibling group, decodes them and
 // pushes the messages onto the engine's receive queue. With a group_auth it
-// keeps only the keyed datagrams that pass its checks. The socket belongs to
-// the chain, the queue and the group_auth to the engine; all must outlive
-// this object.
+// keeps only the keyed datagrams that pass its checks; with statistics it
+// counts what it reads and drops. The socket belongs to the chain, the queue
+// and the checks to the engine; all must outlive this object.
 class monitor_receiver {
 public:
     static constexpr std::size_t buffer_size = 1024;
@@ -26,7 +27,7 @@ public:
 
     // Opens the stop pipe; nullptr when it cannot be made.
     static std::unique_ptr<monitor_receiver> create(mcast_receiver& receiver, message_queue& receive_queue,
-                                                    std::uint32_t group, group_auth* auth = nullptr);
+                                                    std::uint32_t group, receive_checks checks = {});
 
     monitor_receiver(const monitor_receiver&) = delete;
     monitor_receiver& operator=(const monitor_receiver&) = delete;
@@ -49,7 +50,7 @@ public:
         explicit private_tag() = default;
     };
     monitor_receiver(private_tag, mcast_receiver& receiver, message_queue& receive_queue, std::uint32_t group,
-                     group_auth* auth);
+                     receive_checks checks);
 
 private:
     static gpointer run_thread(gpointer self);
@@ -59,7 +60,8 @@ private:
 
     mcast_receiver& m_mcast_receiver;
     message_queue& m_receive_queue;
-    group_auth* m_auth;
+    receive_checks m_checks;
+    const bool m_ipv4;
     unique_pipe m_stop_pipe;
     mutable std::recursive_mutex m_lock; // guards m_running, m_group and m_thread
     bool m_running = false;

@@ -76,6 +76,9 @@ const GDBusInterfaceVTable dbus_api::s_interface_table = {
 std::unique_ptr<dbus_api> dbus_api::create(monitor& engine, bool enable)
 {
     auto api = std::make_unique<dbus_api>(private_tag {}, engine);
+    api->m_monitor_bus = monitor_bus::create(engine);
+    if (!api->m_monitor_bus)
+        return nullptr;
     api->connect();
     if (enable && !engine.set_enabled(true))
         return nullptr;
@@ -182,6 +185,7 @@ void dbus_api::drop_connection()
     if (m_registration_id != 0)
         g_dbus_connection_unregister_object(m_connection.get(), m_registration_id);
     m_registration_id = 0;
+    m_monitor_bus->unregister();
     // No callback of the name request runs after this.
     if (m_owner_id != 0)
         g_bus_unown_name(m_owner_id);
@@ -222,6 +226,7 @@ void dbus_api::bus_acquired(GDBusConnection* connection)
                                           &s_interface_table, this, nullptr, nullptr);
     if (m_registration_id == 0)
         g_error("Unable to register object on DBus");
+    m_monitor_bus->register_on(m_connection.get(), object_path);
 }
 
 void dbus_api::name_lost()
@@ -233,6 +238,7 @@ void dbus_api::name_lost()
         return;
     }
     m_registration_id = 0;
+    m_monitor_bus->unregister();
 }
 
 void dbus_api::method_call(GDBusConnection*, const gchar*, const gchar* object_path, const gchar* interface_name,
@@ -252,8 +258,50 @@ gboolean dbus_api::set_property(GDBusConnection*, const gchar*, const gchar* obj
                                 const gchar* interface_name, const gchar* property_name, GVariant* value,
                                 GError** error, gpointer self)
 {
-    return static_cast<dbus_api*>(self)->handle_set_property(object_path, interface_name, property_name, value,
-                                                             error);
+    auto* api = static_cast<dbus_api*>(self);
+    auto before = api->property_values();
+    bool written = api->handle_set_property(object_path, interface_name, property_name, value, error);
+    // A refused write may still have changed a value (Enabled is stored
+    // before the start that fails), so the values tell, not the result.
+    api->emit_properties_changed(before);
+    return written;
+}
+
+namespace {
+
+constexpr const char* property_names[] = {"IPv4MulticastGroup", "IPv6MulticastGroup", "Enabled", "TTL", "Group"};
+
+} // namespace
+
+std::vector<g_ptr<GVariant>> dbus_api::property_values()
+{
+    std::vector<g_ptr<GVariant>> values;
+    for (const char* name : property_names) {
+        GVariant* value = handle_get_property(object_path, interface_name, name, nullptr);
+        values.push_back(adopt(value ? g_variant_ref_sink(value) : nullptr));
+    }
+    return values;
+}
+
+void dbus_api::emit_properties_changed(const std::vector<g_ptr<GVariant>>& before)
+{
+    std::vector<g_ptr<GVariant>> after = property_values();
+    GVariantBuilder changed;
+    g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
+    bool any = false;
+    for (std::size_t i = 0; i < after.size(); ++i) {
+        if (!after[i] || (before[i] && g_variant_equal(before[i].get(), after[i].get())))
+            continue;
+        g_variant_builder_add(&changed, "{sv}", property_names[i], after[i].get());
+        any = true;
+    }
+    if (!any || !m_connection || m_registration_id == 0) {
+        g_variant_builder_clear(&changed);
+        return;
+    }
+    g_dbus_connection_emit_signal(m_connection.get(), nullptr, object_path, "org.freedesktop.DBus.Properties",
+                                  "PropertiesChanged",
+                                  g_variant_new("(sa{sv}as)", interface_name, &changed, nullptr), nullptr);
 }
 
 void dbus_api::handle_method_call(const char* path, const char* interface, const char* method,

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "platform/g_ptr.hpp"
+#include "src/surfaces/monitor_bus.hpp"
 #include "src/tracking/monitor.hpp"
 
 #include <gio/gio.h>
 
 #include <memory>
+#include <vector>
 
 namespace kw {
 
@@ -95,8 +97,13 @@ private:
     GVariant* handle_get_property(const char* path, const char* interface, const char* property, GError** error);
     bool handle_set_property(const char* path, const char* interface, const char* property, GVariant* value,
                              GError** error);
+    // The documented properties' values, to tell what a write changed.
+    std::vector<g_ptr<GVariant>> property_values();
+    void emit_properties_changed(const std::vector<g_ptr<GVariant>>& before);
 
     monitor& m_monitor;
+    // The object's second interface, registered on the same connections.
+    std::unique_ptr<monitor_bus> m_monitor_bus;
     // The present connection, null while there is none; whatever the object
     // sends goes through it.
     g_ptr<GDBusConnection> m_connection;

@@ -55,6 +55,8 @@ bool monitor::start()
 
     create_tables();
     m_interfaces.clear();
+    const auto hosts = static_cast<std::size_t>(std::max(m_settings.get_max_hosts(), 0));
+    m_changes.set_bound(std::max(node_changes_floor, 4 * hosts));
     m_receive_queue = message_queue::create(receive_queue_bound(m_settings.get_max_hosts()));
     if (!m_receive_queue)
         g_error("Failed to create receive queue");
@@ -130,12 +132,15 @@ void monitor::stop()
     // Stops and joins every chain's threads before the queue they push to goes.
     m_interfaces.clear();
     m_chained.clear();
+    note_high_water();
     drop_queued();
     m_receive_queue.reset();
 
+    record_all_left();
     m_lost_nodes.reset();
     m_known_nodes.reset();
     m_running = false;
+    m_changes.notify();
 }
 
 void monitor::on_interface_changed(std::uint32_t, const interface_state& state, const char* name, void* self)
@@ -157,7 +162,7 @@ bool monitor::add_interface(const std::string& name)
     }
     auto interface = monitor_interface::create(name, ipv4_group, ipv6_group, m_settings.get_port(),
                                                m_settings.get_ttl(), *m_receive_queue, m_settings.get_group(),
-                                               m_environment.auth);
+                                               receive_checks {m_environment.auth, &m_statistics});
     if (!interface)
         return false;
     m_interfaces.emplace(name, std::move(interface));
@@ -221,8 +226,10 @@ void monitor::broadcast(std::unique_ptr<peer_message> message)
     // same sequence number, so receivers tell copies from replays.
     if (m_environment.auth)
         m_environment.auth->sign(*message, m_environment.auth->next_sequence());
+    int sent = 0;
     for (auto& [name, interface] : m_interfaces)
-        interface->send(message->copy());
+        sent += interface->send(message->copy());
+    count_sent(message->get_type(), sent);
 }
 
 void monitor::send_announce()
@@ -237,8 +244,31 @@ void monitor::send_announce()
         message->print();
         if (m_environment.auth)
             m_environment.auth->sign(*message, sequence);
-        interface->send(std::move(message));
+        count_sent(ANNOUNCE, interface->send(std::move(message)));
     }
+}
+
+// Datagrams queued for sending, one per running chain.
+void monitor::count_sent(peer_message_type type, int datagrams)
+{
+    peer_statistics::counter& sent = type == ANNOUNCE     ? m_statistics.sent_announce
+                                     : type == DISPATCHED ? m_statistics.sent_dispatched
+                                                          : m_statistics.sent_leave;
+    peer_statistics::add(sent, static_cast<std::uint64_t>(datagrams));
+}
+
+void monitor::note_high_water()
+{
+    std::uint64_t now = m_receive_queue ? m_receive_queue->high_water() : 0;
+    if (now > m_statistics.queue_high_water)
+        m_statistics.queue_high_water = now;
+}
+
+void monitor::record_all_left()
+{
+    for (monitor_table* table : {m_known_nodes.get(), m_lost_nodes.get()})
+        if (table)
+            table->foreach([this](monitor_message_type& record) { m_changes.record(node_change::left, record); });
 }
 
 void monitor::send_leave()

@@ -8,10 +8,12 @@
 #include "src/peer/group_auth.hpp"
 #include "src/peer/message_queue.hpp"
 #include "src/peer/monitor_interface.hpp"
+#include "src/peer/peer_statistics.hpp"
 #include "src/peer/peer_message.hpp"
 #include "src/surfaces/sibling_events.hpp"
 #include "src/tracking/local_clock.hpp"
 #include "src/tracking/monitor_table.hpp"
+#include "src/tracking/node_changes.hpp"
 
 #include <glib.h>
 #include <netinet/in.h>
@@ -56,6 +58,9 @@ public:
     // Silent means: more than this many microseconds of the monotonic clock
     // since last heard. A step of the wall clock changes nothing.
     static constexpr GTimeSpan silence_limit_us = 59'999'999;
+    // Changes kept for a listener that has not taken them: four per host
+    // (both tables cleared twice over), never fewer than this.
+    static constexpr std::size_t node_changes_floor = 1024;
 
     // The node id comes from the hardware address of the configured
     // interface; an unreadable address ends the process. Starts at once when
@@ -103,6 +108,15 @@ public:
     node_list get_known_nodes() const;
     node_list get_lost_nodes() const;
 
+    // The changes of the node tables, numbered, for a listener (the bus).
+    node_changes& changes() { return m_changes; }
+    // The counters since creation, by name, in a fixed order.
+    using statistics_list = std::vector<std::pair<const char*, std::uint64_t>>;
+    statistics_list get_statistics() const;
+    std::int32_t get_max_hosts() const { return m_settings.get_max_hosts(); }
+    // Whether the group is authenticated with keys.
+    bool is_keyed() const { return m_environment.auth != nullptr; }
+
     // IPv4: a dotted address in 224.0.0.0/4; IPv6: an address whose first
     // byte is 0xff; any other family: false.
     static bool is_multicast_group(int family, const std::string& text);
@@ -128,7 +142,11 @@ private:
     bool add_interface(const std::string& name);
     void create_tables();
     void remove_timers();
-    bool applies(const peer_message& message) const;
+    bool applies(const peer_message& message);
+    void note_high_water();
+    void count_sent(peer_message_type type, int datagrams);
+    // Every node of both tables has left them, before they are dropped.
+    void record_all_left();
     void drop_queued();
     void process_announce(std::unique_ptr<peer_message> message);
     void process_dispatched(const peer_message& message);
@@ -158,6 +176,8 @@ private:
     std::unordered_set<std::string> m_chained;
     bool m_answer_due = false;
     bool m_answered = false;
+    peer_statistics m_statistics;
+    node_changes m_changes {node_changes_floor};
 };
 
 } // namespace kw

@@ -45,6 +45,7 @@ bool monitor::process_tick()
     m_answered = false;
     if (!m_running)
         return true;
+    peer_statistics::add(m_statistics.ticks);
     // A sender's replay state lives as long as a table holds it.
     if (group_auth* auth = m_environment.auth) {
         auth->prune([this](node_id id) { return m_known_nodes->lookup(id) || m_lost_nodes->lookup(id); });
@@ -73,11 +74,16 @@ bool monitor::process_tick()
         }
     }
 
-    if (std::uint32_t dropped = m_receive_queue->take_dropped())
+    if (std::uint32_t dropped = m_receive_queue->take_dropped()) {
+        peer_statistics::add(m_statistics.queue_full, dropped);
         g_warning("Receive queue full, dropped %u messages", dropped);
+    }
+    note_high_water();
 
     expire_silent_nodes();
     answer_if_due();
+    // Told after the tables have changed, all at once.
+    m_changes.notify();
     // After a flood the freed messages would stay in the process's heap.
     if (taken >= heap_trim_after)
         malloc_trim(0);
@@ -88,9 +94,17 @@ bool monitor::process_tick()
 // receiver may have read the old group just before. A message of our own id
 // is our own datagram heard on another port of the same network, where
 // switching multicast loopback off does not help. Neither may touch a table.
-bool monitor::applies(const peer_message& message) const
+bool monitor::applies(const peer_message& message)
 {
-    return message.get_group() == m_settings.get_group() && message.get_node_id() != m_own_node_id;
+    if (message.get_group() != m_settings.get_group()) {
+        peer_statistics::add(m_statistics.other_group);
+        return false;
+    }
+    if (message.get_node_id() == m_own_node_id) {
+        peer_statistics::add(m_statistics.own_id);
+        return false;
+    }
+    return true;
 }
 
 // Main thread only: nobody else pops, so the length tells what pop() finds.
@@ -131,6 +145,8 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         return;
     stored->print();
     m_events->send_connected(*stored);
+    peer_statistics::add(m_statistics.events_connected);
+    m_changes.record(node_change::joined, *stored);
     ask_answer();
 }
 
@@ -145,15 +161,20 @@ void monitor::process_dispatched(const peer_message& message)
         return;
     }
     // The sender of the DISPATCHED has raised SiblingDisconnected already.
-    if (!m_lost_nodes->insert(message.get_dispatched_node_id(), record))
+    // A refused record stays ours, a stored one lives on in the table.
+    const monitor_message_type* moved = record.get();
+    bool stored = m_lost_nodes->insert(message.get_dispatched_node_id(), record);
+    if (!stored)
         g_warning("Couldn't move message to lost nodes, table is full");
+    m_changes.record(stored ? node_change::lost : node_change::left, *moved);
 }
 
 void monitor::process_leave(const peer_message& message)
 {
     message.print();
-    m_known_nodes->remove(message.get_node_id());
-    m_lost_nodes->remove(message.get_node_id());
+    for (monitor_table* table : {m_known_nodes.get(), m_lost_nodes.get()})
+        if (std::unique_ptr<monitor_message_type> gone = table->steal(message.get_node_id()))
+            m_changes.record(node_change::left, *gone);
 }
 
 void monitor::expire_silent_nodes()
@@ -185,6 +206,8 @@ void monitor::expire_silent_nodes()
             continue;
 
         m_events->send_disconnected(*record);
+        peer_statistics::add(m_statistics.events_disconnected);
+        m_changes.record(node_change::lost, *record, true);
         std::unique_ptr<monitor_message_type> lost = m_known_nodes->steal(id);
         m_lost_nodes->insert(id, lost); // a full lost table drops the record silently
         broadcast(peer_message::dispatched_new(m_own_node_id, id, m_settings.get_group()));

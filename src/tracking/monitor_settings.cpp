@@ -66,6 +66,7 @@ bool monitor::set_group(std::uint32_t group)
     // other setting, so it is in force at the next start.
     if (m_running && m_settings.get_enabled()) {
         send_leave(); // still carries the old group
+        record_all_left();
         create_tables();
         for (auto& [name, interface] : m_interfaces)
             interface->set_group(group);
@@ -73,7 +74,9 @@ bool monitor::set_group(std::uint32_t group)
         drop_queued();
     }
     m_settings.set_group(group);
-    return m_settings.save();
+    bool saved = m_settings.save();
+    m_changes.notify();
+    return saved;
 }
 
 bool monitor::get_ipv4_group(std::string& text) const
@@ -138,6 +141,38 @@ monitor::node_list monitor::get_known_nodes() const
 monitor::node_list monitor::get_lost_nodes() const
 {
     return copy_nodes(m_lost_nodes.get());
+}
+
+monitor::statistics_list monitor::get_statistics() const
+{
+    const peer_statistics& c = m_statistics;
+    auto refused = [this](group_auth::refusal reason) {
+        return m_environment.auth ? m_environment.auth->refused(reason) : 0;
+    };
+    std::uint64_t high_water = c.queue_high_water;
+    if (m_receive_queue)
+        high_water = std::max<std::uint64_t>(high_water, m_receive_queue->high_water());
+    return {
+        {"received_ipv4", c.received_ipv4},
+        {"received_ipv6", c.received_ipv6},
+        {"refused_undecodable", c.undecodable},
+        {"refused_other_group", c.other_group},
+        {"refused_other_interface", c.other_interface},
+        {"refused_own_id", c.own_id},
+        {"refused_queue_full", c.queue_full},
+        {"refused_no_trailer", refused(group_auth::no_trailer)},
+        {"refused_unknown_key", refused(group_auth::unknown_key)},
+        {"refused_bad_mac", refused(group_auth::bad_mac)},
+        {"refused_replayed", refused(group_auth::replayed)},
+        {"duplicates", m_environment.auth ? m_environment.auth->duplicates() : 0},
+        {"sent_announce", c.sent_announce},
+        {"sent_dispatched", c.sent_dispatched},
+        {"sent_leave", c.sent_leave},
+        {"events_connected", c.events_connected},
+        {"events_disconnected", c.events_disconnected},
+        {"ticks", c.ticks},
+        {"queue_high_water", high_water},
+    };
 }
 
 bool monitor::is_multicast_group(int family, const std::string& text)
