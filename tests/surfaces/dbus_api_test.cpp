@@ -39,6 +39,34 @@ std::string call(GDBusConnection* client, const char* interface, const char* met
     return result;
 }
 
+// Every signal the service emits, as "<member> <arguments>", in arrival order.
+struct signal_log {
+    std::vector<std::string> lines;
+    guint id = 0;
+    GDBusConnection* client;
+    explicit signal_log(GDBusConnection* c) : client(c)
+    {
+        id = g_dbus_connection_signal_subscribe(client, dbus_api::bus_name, nullptr, nullptr, dbus_api::object_path,
+                                                nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &signal_log::on_signal, this, nullptr);
+    }
+    ~signal_log() { g_dbus_connection_signal_unsubscribe(client, id); }
+    static void on_signal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* member,
+                          GVariant* arguments, gpointer self)
+    {
+        static_cast<signal_log*>(self)->lines.push_back(std::string(member) + " " +
+                                                        take_string(g_variant_print(arguments, FALSE)));
+    }
+    // What came since the last take. A signal goes out before the reply to
+    // the call that caused it, so once a later call has returned, its
+    // dispatch waits in this thread's main context.
+    std::vector<std::string> take()
+    {
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+        return std::exchange(lines, {});
+    }
+};
+
 TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
 {
     KW_REQUIRE_ROOT(); // the bus policy lets root alone own the name
@@ -61,32 +89,45 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
                 return;
     };
     wait_owned();
+    signal_log signals(client.get());
 
     const std::string unmapped = " GDBus.Error:org.gtk.GDBus.UnmappedGError.Quark._Kinwatch_20error_20quark.Code";
     const std::string not_enabled = "2" + unmapped + "2: Kinwatch is not enabled";
     EXPECT_EQ(nodes(), not_enabled + not_enabled);
     const std::string illegal = "5" + unmapped + "5: Illegal multicast group supplied";
     const std::string named = " GDBus.Error:com.tavix.Kinwatch.Error.";
-    const std::tuple<const char*, GVariant*, std::string, const char*> writes[] = {
-        // The file line a write leaves; null: the file stays as it was.
-        {"IPv4MulticastGroup", g_variant_new_string("192.168.1.1"), illegal, nullptr},
-        {"IPv6MulticastGroup", g_variant_new_string("239.1.2.3"), illegal, nullptr},
-        {"TTL", g_variant_new_byte(0), "3" + named + "TTL: TTL must be in the range [1..255]", nullptr},
-        {"Enabled", g_variant_new_boolean(TRUE), "0" + named + "Generic: Unable to enable the monitor", "Enabled=true"},
-        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false"},
-        {"TTL", g_variant_new_byte(9), "()", "TTL=9"},
-        {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1"},
-        {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3"},
-        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1"},
-        {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true"},
+    const std::tuple<const char*, GVariant*, std::string, const char*, const char*> writes[] = {
+        // The file line a write leaves (null: the file stays as it was), and
+        // what PropertiesChanged tells (null: no signal).
+        {"IPv4MulticastGroup", g_variant_new_string("192.168.1.1"), illegal, nullptr, nullptr},
+        {"IPv6MulticastGroup", g_variant_new_string("239.1.2.3"), illegal, nullptr, nullptr},
+        {"TTL", g_variant_new_byte(0), "3" + named + "TTL: TTL must be in the range [1..255]", nullptr, nullptr},
+        {"Enabled", g_variant_new_boolean(TRUE), "0" + named + "Generic: Unable to enable the monitor", "Enabled=true",
+         "'Enabled': <true>"},
+        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false", "'Enabled': <false>"},
+        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false", nullptr},
+        {"TTL", g_variant_new_byte(9), "()", "TTL=9", "'TTL': <byte 0x09>"},
+        {"TTL", g_variant_new_byte(9), "()", "TTL=9", nullptr},
+        {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1", "'Group': <uint32 4294967295>"},
+        {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3",
+         "'IPv4MulticastGroup': <'239.1.2.3'>"},
+        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1",
+         "'IPv6MulticastGroup': <'ff02::1'>"},
+        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", nullptr},
+        {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true", "'Enabled': <true>"},
     };
-    for (const auto& [name, value, reply, line] : writes) {
+    for (const auto& [name, value, reply, line, changed] : writes) {
         const std::string before = cam.config_text();
         EXPECT_EQ(call(client.get(), properties, "Set", g_variant_new("(ssv)", dbus_api::interface_name, name, value)),
                   reply);
         std::string after = cam.config_text();
         EXPECT_TRUE(line ? after.find("\n" + std::string(line) + "\n") != std::string::npos : after == before)
             << name << "\n" << after;
+        call(client.get(), properties, "Get", g_variant_new("(ss)", dbus_api::interface_name, "Enabled"));
+        EXPECT_EQ(signals.take(), changed ? std::vector<std::string> {"PropertiesChanged ('com.tavix.Kinwatch', {" +
+                                                                      std::string(changed) + "}, [])"}
+                                          : std::vector<std::string> {})
+            << name;
     }
     EXPECT_EQ(call(client.get(), properties, "GetAll", g_variant_new("(s)", dbus_api::interface_name)),
               "({'IPv4MulticastGroup': <'239.1.2.3'>, 'IPv6MulticastGroup': <'ff02::1'>, 'Enabled': <true>, "
@@ -94,16 +135,30 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
 
     ASSERT_TRUE(engine.is_running());
     cam.inject_announce(0x020000000009ULL, "10.77.0.9", "fd77::9"); // above our own id: we report its loss
+    cam.inject_announce(0x020000000008ULL, "10.77.0.8", "fd77::8");
     engine.process_tick();
     cam.advance_us(10 * G_TIME_SPAN_SECOND + G_TIME_SPAN_SECOND / 2);
     cam.inject_announce(0x020000000009ULL, "10.77.0.10", "fd77::a"); // a refresh takes the new addresses
+    cam.inject(peer_message::dispatched_new(0x02000000000aULL, 0x020000000008ULL, std::uint32_t(-1)));
     engine.process_tick();
     // 2026-11-22 12:00 in Kolkata is 06:30 UTC; the half second of last seen is dropped.
     const std::string tuple = "[('02:00:00:00:00:09', '10.77.0.10', 'fd77::a', 1795329000, 1795329010)]";
-    EXPECT_EQ(nodes(), "(" + tuple + ",)([],)");
+    EXPECT_EQ(call(client.get(), dbus_api::interface_name, "GetKnownNodes"), "(" + tuple + ",)");
     cam.advance_us(61 * G_TIME_SPAN_SECOND);
     engine.process_tick();
+    cam.inject(peer_message::leave_new(0x020000000008ULL, std::uint32_t(-1)));
+    engine.process_tick();
     EXPECT_EQ(nodes(), "([],)(" + tuple + ",)");
+    // The same changes as signals, one generation each: none for the refresh.
+    const std::string at = "'>, 'ipv6': <'fd77::", seen = "'>, 'first_seen': <uint64 1795329000>, 'last_seen': <uint64 ";
+    const std::string eight = "{'mac': <'02:00:00:00:00:08'>, 'ipv4': <'10.77.0.8" + at + "8" + seen + "1795329000>";
+    const std::string nine = "{'mac': <'02:00:00:00:00:09'>, 'ipv4': <'10.77.0.10" + at + "a" + seen + "1795329010>";
+    call(client.get(), dbus_api::interface_name, "GetLostNodes");
+    EXPECT_EQ(signals.take(), (std::vector<std::string> {
+              "NodeJoined (1, {'mac': <'02:00:00:00:00:09'>, 'ipv4': <'10.77.0.9" + at + "9" + seen + "1795329000>})",
+              "NodeJoined (2, " + eight + "})", "NodeLost (3, " + eight + ", 'reported': <false>})",
+              "NodeLost (4, " + nine + ", 'reported': <true>})", "NodeLeft (5, " + eight + "})"}));
+    EXPECT_EQ(call(client.get(), monitor_bus::interface_name, "GetNodes"), "(5, [], [" + nine + "}])");
 
     // The bus restarts: the object answers on the new one, over the monitor as it was.
     log_capture log;

@@ -7,6 +7,8 @@
 #include "tests/tracking/monitor_harness.hpp"
 
 #include <gtest/gtest.h>
+
+#include <map>
 #include <sodium.h>
 
 #include <numeric>
@@ -436,6 +438,46 @@ TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_w
         ASSERT_TRUE(here.must_exec("ip link del eth1"));
         EXPECT_TRUE(settle_at(before));
     }
+}
+
+// Each datagram a receiver reads is counted by what became of it; so is
+// what the monitor sends, raises and queues.
+TEST_F(monitor_test, statistics_count_every_datagram_by_what_became_of_it)
+{
+    std::unique_ptr<mcast_sender> far;
+    {
+        netns_enter inside(*m_lab->host(1).ns);
+        ASSERT_TRUE(far = mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1));
+    }
+    camera cam({.id = 1});
+    monitor& engine = start(cam);
+    auto send = [&](const std::vector<std::uint8_t>& d, int times) {
+        for (int i = 0; i < times; ++i)
+            EXPECT_EQ(far->send(d.data(), d.size()), ssize_t(d.size()));
+    };
+    std::vector<std::uint8_t> of_our_group(20);
+    of_our_group[5] = lab_group; // but of no known length
+    send({0x00, 0x01, 0x00}, 4);
+    send(of_our_group, 3);
+    send(*announce(0x42, "10.77.0.2", "fd77::2", lab_group + 1)->encode(), 5);
+    send(*announce(1, "10.77.0.2", "fd77::2")->encode(), 2);
+    send(*announce(0x42, "10.77.0.2", "fd77::2")->encode(), 1);
+    auto counts = [&] {
+        std::map<std::string, std::uint64_t> c;
+        for (auto [name, value] : engine.get_statistics())
+            c[name] = value;
+        return c;
+    };
+    ASSERT_TRUE(wait_until([&] { return counts()["received_ipv4"] == 15; }));
+    engine.process_tick();
+    const std::map<std::string, std::uint64_t> expected = {
+        {"received_ipv4", 15}, {"refused_undecodable", 7}, {"refused_other_group", 5}, {"refused_own_id", 2},
+        {"events_connected", 1}, {"ticks", 1}, {"sent_announce", 2}, {"queue_high_water", 3}};
+    auto got = counts();
+    for (const auto& [name, value] : expected)
+        EXPECT_EQ(got[name], value) << name;
+    EXPECT_EQ(got.size(), 19u);
+    EXPECT_EQ(got["received_ipv6"] + got["refused_queue_full"] + got["events_disconnected"] + got["sent_leave"], 0u);
 }
 
 TEST_F(monitor_test, max_hosts_bounds_both_tables)
