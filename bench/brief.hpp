@@ -9,7 +9,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 namespace kw {
@@ -25,27 +27,34 @@ inline benchmark::IterationCount bench_iterations(benchmark::IterationCount full
     return bench_brief() ? 1 : full;
 }
 
+// A reporter of the library that also notes whether a run reported an error.
+template <class Base> class noting_reporter : public Base {
+public:
+    using Base::Base;
+    void ReportRuns(const std::vector<benchmark::BenchmarkReporter::Run>& runs) override
+    {
+        for (const auto& run : runs)
+            failed = failed || run.error_occurred;
+        Base::ReportRuns(runs);
+    }
+    bool failed = false;
+};
+
 // Runs the benchmarks given on the command line; the status is 1 when one of
-// them reported an error, which the benchmark library itself lets pass.
+// them reported an error, which the benchmark library itself lets pass. The
+// output is the console's (colours only on a terminal) or, with
+// --benchmark_format=json, JSON.
 inline int run_benchmarks(int argc, char** argv)
 {
-    class reporter : public benchmark::ConsoleReporter {
-    public:
-        using ConsoleReporter::ConsoleReporter;
-        void ReportRuns(const std::vector<Run>& runs) override
-        {
-            for (const Run& run : runs)
-                failed = failed || run.error_occurred;
-            ConsoleReporter::ReportRuns(runs);
-        }
-        bool failed = false;
-    };
+    bool json = std::any_of(argv, argv + argc,
+                            [](const char* arg) { return std::string_view(arg) == "--benchmark_format=json"; });
     benchmark::Initialize(&argc, argv);
-    // Colours only on a terminal, as the library's own reporter does.
-    reporter console(isatty(STDOUT_FILENO) ? reporter::OO_Color : reporter::OO_None);
-    benchmark::RunSpecifiedBenchmarks(&console);
+    noting_reporter<benchmark::JSONReporter> to_json;
+    noting_reporter<benchmark::ConsoleReporter> to_console(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
+                                                                                  : benchmark::ConsoleReporter::OO_None);
+    benchmark::RunSpecifiedBenchmarks(json ? static_cast<benchmark::BenchmarkReporter*>(&to_json) : &to_console);
     benchmark::Shutdown();
-    return console.failed ? 1 : 0;
+    return to_json.failed || to_console.failed ? 1 : 0;
 }
 
 } // namespace kw
