@@ -5,7 +5,9 @@
 #   - bus property writes and reads,
 # CYCLES of each (default 1000) after a warm-up of 50 of each. Prints the
 # service's open descriptors, threads and resident memory after the warm-up
-# and after the cycles. Run as root from the top of a checkout:
+# and after the cycles. The lab is named $KW_LAB_NAME (default soak); with
+# KW_BENCH_BRIEF=1 (the test suite's check that it still runs) the warm-up is
+# one cycle of each. Run as root from the top of a checkout:
 #   bench/soak.sh [CYCLES] [--binary PATH]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,13 +21,16 @@ while (($#)); do
   esac
 done
 warm_up=${KW_SOAK_WARM_UP:-50}
-lab=(scripts/lab --name soak)
-ns=kwlab-soak-c1
-run_state=/tmp/kinwatch-lab-soak/c1/local/packages/kinwatch/is_running
+[[ -z ${KW_BENCH_BRIEF:-} ]] || warm_up=1
+name=${KW_LAB_NAME:-soak}
+lab=(scripts/lab --name "$name")
+ns=kwlab-$name-c1
+camera=/tmp/kinwatch-lab-$name/c1
+run_state=$camera/local/packages/kinwatch/is_running
 
 "${lab[@]}" up 1 --binary "$binary" >/dev/null
 trap '"${lab[@]}" down >/dev/null 2>&1 || true' EXIT
-read -r pid _ </tmp/kinwatch-lab-soak/c1/kinwatch.pid
+read -r pid _ <"$camera/kinwatch.pid"
 
 figures() { # <label>
   printf '%-28s descriptors %4d  threads %3d  resident %6d kB\n' "$1" "$(ls "/proc/$pid/fd" | wc -l)" \
@@ -52,7 +57,7 @@ wait_threads 4 "starting"
 # An interface made after the monitor started is followed by the link
 # watcher (reported when it comes up and when it goes) but gets no chain, so
 # the log tells when each step has been seen.
-reports() { grep -c 'Interface(kwsoak0)' /tmp/kinwatch-lab-soak/c1/kinwatch.log || true; }
+reports() { grep -c 'Interface(kwsoak0)' "$camera/kinwatch.log" || true; }
 wait_reports() { # <count> <what>
   local tries=3000
   while (($(reports) < $1)) && ((tries-- > 0)); do sleep 0.01; done

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Builds Kinwatch and runs the whole test suite: under AddressSanitizer and
-# UndefinedBehaviorSanitizer (the end-to-end lab scenario included), as a
-# normal build, the threaded tests under ThreadSanitizer, and the fuzz targets
-# for a bounded number of runs. Network tests run in private network
-# namespaces and need root.
+# UndefinedBehaviorSanitizer (the end-to-end lab tests included), as a normal
+# build with every benchmark run once briefly, the threaded tests under
+# ThreadSanitizer, and the fuzz targets for a bounded number of runs. Network
+# tests run in private network namespaces and need root.
 #
-# The lab scenario spends most of its time waiting for the siblings' 55-s
-# announcements, so it runs in the background while the other builds and
-# suites use the CPU.
+# The end-to-end tests spend most of their time waiting for the cameras' 55-s
+# announcements, so they run in the background, side by side, from the
+# moment the service is built, while the other builds and suites use the CPU.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -23,11 +23,17 @@ for ns in $(ip netns list 2>/dev/null | awk '{print $1}' | grep '^kwt[0-9]*-' ||
   pid=${ns#kwt}; pid=${pid%%-*}
   [[ -d /proc/$pid ]] || ip netns del "$ns" 2>/dev/null || true
 done
+# Labs of the end-to-end tests and benchmarks named after their creator.
+for dir in /tmp/kinwatch-lab-kw{quiet,bflood,bsoak}[0-9]*; do
+  [[ -d $dir ]] || continue
+  lab=${dir#/tmp/kinwatch-lab-}
+  [[ -d /proc/${lab##*[a-z]} ]] || scripts/lab --name "$lab" down
+done
 
-build() { # <dir> [--target <target>] <cmake args...>
+build() { # <dir> [--target "<targets...>"] <cmake args...>
   local dir=$1; shift
   local target=()
-  if [[ ${1:-} == --target ]]; then target=(--target "$2"); shift 2; fi
+  if [[ ${1:-} == --target ]]; then read -ra target <<<"--target $2"; shift 2; fi
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
   cmake --build "$dir" -j "$jobs" "${target[@]}"
 }
@@ -44,10 +50,13 @@ suite() { # <name> <dir> <ctest args...>
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export G_SLICE=always-malloc G_DEBUG=gc-friendly
+build "$out/asan" --target "kinwatch kinwatchctl" -DKW_SANITIZE=ON
+declare -A e2e_pids=()
+for test in $(cd "$out/asan" && ctest -N -L e2e | sed -nE 's/^ *Test +#[0-9]+: //p'); do
+  (cd "$out/asan" && ctest --timeout 600 -R "^$test\$") >"$out/e2e-$test.log" 2>&1 &
+  e2e_pids[$test]=$!
+done
 build "$out/asan" -DKW_SANITIZE=ON
-e2e_log=$out/e2e.log
-(cd "$out/asan" && ctest --timeout 600 -L e2e) >"$e2e_log" 2>&1 &
-e2e_pid=$!
 suite "tests under ASan+UBSan" "$out/asan" -LE e2e
 unset ASAN_OPTIONS UBSAN_OPTIONS G_SLICE G_DEBUG
 
@@ -64,11 +73,13 @@ unset TSAN_OPTIONS
 CC=clang CXX=clang++ build "$out/fuzz" --target fuzz_targets -DKW_FUZZ=ON
 suite "fuzz" "$out/fuzz" -L fuzz
 
-echo "=== end-to-end lab scenario under ASan+UBSan ($((SECONDS - start)) s)"
-e2e_status=0
-wait "$e2e_pid" || e2e_status=$?
-cat "$e2e_log"
-((e2e_status == 0)) || failed+=("end-to-end under ASan+UBSan")
+for test in "${!e2e_pids[@]}"; do
+  echo "=== end-to-end $test under ASan+UBSan ($((SECONDS - start)) s)"
+  e2e_status=0
+  wait "${e2e_pids[$test]}" || e2e_status=$?
+  cat "$out/e2e-$test.log"
+  ((e2e_status == 0)) || failed+=("end-to-end $test under ASan+UBSan")
+done
 
 echo "=== done in $((SECONDS - start)) s"
 if ((${#failed[@]})); then
