@@ -93,7 +93,7 @@ void receive_under_flood(benchmark::State& state, const char* group, bool keyed)
     auto socket = mcast_receiver::create("rx0", group, port);
     auto plain = mcast_receiver::create("rx0", group, port);
     auto queue = message_queue::create(receive_queue_capacity);
-    auto receiver = socket ? monitor_receiver::create(*socket, *queue, 7, keyed ? checker.get() : nullptr) : nullptr;
+    auto receiver = socket ? monitor_receiver::create(*socket, *queue, 7, {keyed ? checker.get() : nullptr}) : nullptr;
     if (!sender || !plain || !receiver || !receiver->start()) {
         state.SkipWithError("setup failed");
         return;

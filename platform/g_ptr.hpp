@@ -31,6 +31,7 @@ template <class T> struct release;
     };
 
 KW_RELEASE(char, g_free)
+KW_RELEASE(guchar, g_free)
 KW_RELEASE(char*, g_strfreev)
 KW_RELEASE(GDateTime, g_date_time_unref)
 KW_RELEASE(GTimeZone, g_time_zone_unref)
@@ -44,6 +45,7 @@ KW_RELEASE(GVariant, g_variant_unref)
 KW_RELEASE(GVariantBuilder, g_variant_builder_unref)
 KW_RELEASE(GDBusNodeInfo, g_dbus_node_info_unref)
 KW_RELEASE(GDBusConnection, g_object_unref)
+KW_RELEASE(GDBusMessage, g_object_unref)
 KW_RELEASE(GCancellable, g_object_unref)
 KW_RELEASE(GFile, g_object_unref)
 KW_RELEASE(GFileMonitor, g_object_unref)
