@@ -13,10 +13,28 @@ cd "$(dirname "$0")/.."
 source scripts/deps.sh
 kw_install_missing
 
+# Everything from here runs in a network namespace of its own whose one link,
+# eth0, stands where the machine's own interface would: every test makes its
+# own namespaces for its network, so nothing may ever be sent out of this one.
+# A datagram seen there fails the run, whichever test sent it.
+if [[ -z ${KW_TEST_SENTINEL:-} ]]; then
+  KW_TEST_SENTINEL=1 exec unshare --net "$0" "$@"
+fi
+ip link set lo up
+ip link add eth0 type veth peer name sentinel0
+ip addr add 192.0.2.2/24 dev eth0
+ip -6 addr add fd00:5e::2/64 dev eth0 nodad
+ip link set sentinel0 up
+ip link set eth0 up
+ip route add default via 192.0.2.1 dev eth0
+
 start=$SECONDS
 jobs=${KW_JOBS:-$(nproc)}
 out=${KW_BUILD_ROOT:-build/test}
 export CTEST_OUTPUT_ON_FAILURE=1
+mkdir -p "$out"
+tcpdump -l -n -i eth0 'udp or igmp' >"$out/sentinel.txt" 2>/dev/null &
+sentinel=$!
 
 # Namespaces left by an earlier run that was killed (their creator is gone).
 for ns in $(ip netns list 2>/dev/null | awk '{print $1}' | grep '^kwt[0-9]*-' || true); do
@@ -80,6 +98,14 @@ for test in "${!e2e_pids[@]}"; do
   cat "$out/e2e-$test.log"
   ((e2e_status == 0)) || failed+=("end-to-end $test under ASan+UBSan")
 done
+
+kill "$sentinel"
+wait "$sentinel" || true
+if [[ -s $out/sentinel.txt ]]; then
+  echo "=== sent outside the tests' own namespaces:"
+  cat "$out/sentinel.txt"
+  failed+=("namespace sentinel")
+fi
 
 echo "=== done in $((SECONDS - start)) s"
 if ((${#failed[@]})); then
