@@ -101,7 +101,7 @@ done
 
 kill "$sentinel"
 wait "$sentinel" || true
-if [[ -s $out/sentinel.txt ]]; then
+if grep -q . "$out/sentinel.txt"; then
   echo "=== sent outside the tests' own namespaces:"
   cat "$out/sentinel.txt"
   failed+=("namespace sentinel")

@@ -43,13 +43,13 @@ std::string call(GDBusConnection* client, const char* interface, const char* met
 struct signal_log {
     std::vector<std::string> lines;
     guint id = 0;
-    GDBusConnection* client;
-    explicit signal_log(GDBusConnection* c) : client(c)
+    g_ptr<GDBusConnection> client;
+    explicit signal_log(GDBusConnection* c) : client(ref(c))
     {
-        id = g_dbus_connection_signal_subscribe(client, dbus_api::bus_name, nullptr, nullptr, dbus_api::object_path,
+        id = g_dbus_connection_signal_subscribe(c, dbus_api::bus_name, nullptr, nullptr, dbus_api::object_path,
                                                 nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &signal_log::on_signal, this, nullptr);
     }
-    ~signal_log() { g_dbus_connection_signal_unsubscribe(client, id); }
+    ~signal_log() { g_dbus_connection_signal_unsubscribe(client.get(), id); }
     static void on_signal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* member,
                           GVariant* arguments, gpointer self)
     {
