@@ -39,9 +39,9 @@ g_ptr<GVariant> bus_client::call(const char* interface, const char* method, GVar
     return reply;
 }
 
-g_ptr<GVariant> bus_client::get(const char* property, bus_failure& failure)
+g_ptr<GVariant> bus_client::get(const char* property, bus_failure& failure, const char* interface)
 {
-    auto reply = call("org.freedesktop.DBus.Properties", "Get", g_variant_new("(ss)", interface_name, property),
+    auto reply = call("org.freedesktop.DBus.Properties", "Get", g_variant_new("(ss)", interface, property),
                       G_VARIANT_TYPE("(v)"), failure);
     if (!reply)
         return nullptr;
@@ -63,6 +63,20 @@ std::optional<std::vector<node_entry>> bus_client::nodes(node_list which, bus_fa
     if (!reply)
         return std::nullopt;
     return node_entry::list_from(reply.get());
+}
+
+std::optional<bus_client::snapshot> bus_client::monitor_nodes(bus_failure& failure)
+{
+    auto reply = call(monitor_interface_name, "GetNodes", nullptr, G_VARIANT_TYPE("(taa{sv}aa{sv})"), failure);
+    if (!reply)
+        return std::nullopt;
+    snapshot taken;
+    g_variant_get_child(reply.get(), 0, "t", &taken.generation);
+    for (auto [index, list] : {std::pair {1, &taken.known}, {2, &taken.lost}}) {
+        auto array = adopt(g_variant_get_child_value(reply.get(), index));
+        *list = node_entry::list_from_dictionaries(array.get());
+    }
+    return taken;
 }
 
 bool bus_client::closed() const

@@ -6,6 +6,7 @@
 
 #include <gio/gio.h>
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,14 @@ public:
     static constexpr const char* bus_name = "com.tavix.Kinwatch";
     static constexpr const char* object_path = "/com/tavix/Kinwatch";
     static constexpr const char* interface_name = "com.tavix.Kinwatch";
+    static constexpr const char* monitor_interface_name = "com.tavix.Kinwatch.Monitor1";
+
+    // Both lists of the monitor interface and the generation they belong to.
+    struct snapshot {
+        std::uint64_t generation = 0;
+        std::vector<node_entry> known;
+        std::vector<node_entry> lost;
+    };
 
     enum class node_list { known, lost };
 
@@ -31,11 +40,15 @@ public:
     bus_client& operator=(const bus_client&) = delete;
 
     // The property's value, or nullptr with failure set.
-    g_ptr<GVariant> get(const char* property, bus_failure& failure);
+    g_ptr<GVariant> get(const char* property, bus_failure& failure, const char* interface = interface_name);
     // value is consumed when floating, as by g_variant_new.
     bool set(const char* property, GVariant* value, bus_failure& failure);
     // GetKnownNodes or GetLostNodes, sorted by hardware address.
     std::optional<std::vector<node_entry>> nodes(node_list which, bus_failure& failure);
+    // GetNodes of the monitor interface.
+    std::optional<snapshot> monitor_nodes(bus_failure& failure);
+
+    GDBusConnection* connection() const { return m_connection.get(); }
 
     // True once the bus has gone away; no later call can succeed.
     bool closed() const;

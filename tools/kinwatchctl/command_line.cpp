@@ -25,6 +25,8 @@ std::optional<command_line::action> action_named(const std::string& word)
         return command_line::action::set;
     if (word == "watch")
         return command_line::action::watch;
+    if (word == "stats")
+        return command_line::action::stats;
     return std::nullopt;
 }
 
@@ -60,6 +62,14 @@ std::optional<command_line> command_line::parse(const std::vector<std::string>& 
             result.m_lost = true;
         } else if (arg == "--json") {
             result.m_json = true;
+        } else if (arg == "--limit" || arg.rfind("--limit=", 0) == 0) {
+            std::string count = arg == "--limit" ? (i + 1 < args.size() ? args[++i] : "") : arg.substr(8);
+            guint64 value = 0;
+            if (!g_ascii_string_to_unsigned(count.c_str(), 10, 1, G_MAXUINT, &value, nullptr)) {
+                error = "--limit needs a whole number from 1";
+                return std::nullopt;
+            }
+            result.m_limit = static_cast<unsigned>(value);
         } else if (arg == "--address" || arg.rfind("--address=", 0) == 0) {
             if (arg == "--address") {
                 if (i + 1 == args.size()) {
@@ -100,8 +110,17 @@ std::optional<command_line> command_line::parse(const std::vector<std::string>& 
     }
     result.m_action = *action;
 
-    if ((result.m_lost || result.m_json) && result.m_action != action::nodes) {
-        error = std::string(result.m_lost ? "--lost" : "--json") + " only goes with nodes";
+    if (result.m_lost && result.m_action != action::nodes) {
+        error = "--lost only goes with nodes";
+        return std::nullopt;
+    }
+    if (result.m_json && result.m_action != action::nodes && result.m_action != action::watch &&
+        result.m_action != action::stats) {
+        error = "--json only goes with nodes, watch or stats";
+        return std::nullopt;
+    }
+    if (result.m_limit && result.m_action != action::watch) {
+        error = "--limit only goes with watch";
         return std::nullopt;
     }
 
@@ -140,8 +159,8 @@ std::string command_line::help_text()
            "sibling cameras it knows.\n"
            "\n"
            "Commands:\n"
-           "  status                  the five settings and the number of known and lost nodes\n"
-           "                          (the default command)\n"
+           "  status                  the five settings, the number of known and lost nodes and\n"
+           "                          whether the group is keyed (the default command)\n"
            "  nodes [--lost] [--json] the known (or lost) nodes, sorted by hardware address;\n"
            "                          --json prints one JSON object per line\n"
            "  set SETTING VALUE       change a setting:\n"
@@ -150,8 +169,11 @@ std::string command_line::help_text()
            "                            group       0 to 4294967295\n"
            "                            ipv4-group  an IPv4 multicast address\n"
            "                            ipv6-group  an IPv6 multicast address\n"
-           "  watch                   print a line for every node that joins, is lost or\n"
-           "                          comes back, until interrupted\n"
+           "  watch [--json] [--limit N]\n"
+           "                          print a line for every node that joins, is lost, comes\n"
+           "                          back or leaves, as the service tells it, until interrupted\n"
+           "                          or N changes are printed; --json prints JSON objects\n"
+           "  stats [--json]          the service's counters since it started\n"
            "\n"
            "Options:\n"
            "  --address ADDRESS       talk to the bus at ADDRESS instead of the system bus\n"

@@ -11,7 +11,7 @@ namespace kw::ctl {
 // bus.
 class command_line {
 public:
-    enum class action { status, nodes, set, watch, help, version };
+    enum class action { status, nodes, set, watch, stats, help, version };
 
     // nullopt with a one-line reason in error for a usage error.
     static std::optional<command_line> parse(const std::vector<std::string>& args, std::string& error);
@@ -25,6 +25,8 @@ public:
     const std::string& address() const { return m_address; }
     bool lost() const { return m_lost; }
     bool json() const { return m_json; }
+    // watch: the changes to print before ending; 0 for no limit.
+    unsigned limit() const { return m_limit; }
     const std::string& setting_name() const { return m_setting; }
     const std::string& value() const { return m_value; }
 
@@ -35,6 +37,7 @@ private:
     std::string m_address;
     bool m_lost = false;
     bool m_json = false;
+    unsigned m_limit = 0;
     std::string m_setting;
     std::string m_value;
 };

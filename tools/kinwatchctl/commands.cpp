@@ -42,7 +42,9 @@ int commands::execute(const command_line& line)
     case command_line::action::set:
         return set(line.setting_name(), line.value());
     case command_line::action::watch:
-        return watch(watch_loop::default_interval_ms);
+        return watch(line.json(), line.limit());
+    case command_line::action::stats:
+        return stats(line.json());
     case command_line::action::help:
     case command_line::action::version:
         break;
@@ -76,6 +78,14 @@ int commands::status()
         std::ostringstream line;
         line << std::left << std::setw(label_width) << (std::string(r.label) + ":") << text_of(value.get()) << '\n';
         text += line.str();
+    }
+    {
+        bus_failure failure;
+        auto keyed = m_client.get("Keyed", failure, bus_client::monitor_interface_name);
+        if (!keyed)
+            return failure.report(m_err, "read keyed");
+        text += std::string("keyed:") + std::string(label_width - 6, ' ') +
+                (g_variant_get_boolean(keyed.get()) ? "yes" : "no") + "\n";
     }
     for (auto which : {bus_client::node_list::known, bus_client::node_list::lost}) {
         bus_failure failure;
@@ -130,10 +140,35 @@ int commands::set(const std::string& name, const std::string& value)
     return exit_ok;
 }
 
-int commands::watch(guint interval_ms)
+int commands::watch(bool json, unsigned limit)
 {
-    watch_loop loop(m_client, m_out, m_err, interval_ms);
+    watch_loop loop(m_client, m_out, m_err, json, limit);
     return loop.run();
+}
+
+int commands::stats(bool json)
+{
+    bus_failure failure;
+    auto counters = m_client.get("Statistics", failure, bus_client::monitor_interface_name);
+    if (!counters || !g_variant_is_of_type(counters.get(), G_VARIANT_TYPE("a{st}")))
+        return failure.report(m_err, "read the statistics");
+    // The service's order, which groups the counters by what they count.
+    GVariantIter iter;
+    g_variant_iter_init(&iter, counters.get());
+    const char* name = nullptr;
+    guint64 value = 0;
+    std::string text;
+    while (g_variant_iter_next(&iter, "{&st}", &name, &value)) {
+        if (json) {
+            text += (text.empty() ? "{" : ",") + node_format::json_string(name) + ":" + std::to_string(value);
+        } else {
+            std::ostringstream line;
+            line << std::left << std::setw(26) << (std::string(name) + ":") << value << '\n';
+            text += line.str();
+        }
+    }
+    m_out << (json ? (text.empty() ? "{" : text) + "}\n" : text) << std::flush;
+    return exit_ok;
 }
 
 } // namespace kw::ctl

@@ -20,7 +20,8 @@ public:
     int status();
     int nodes(bus_client::node_list which, bool json);
     int set(const std::string& name, const std::string& value);
-    int watch(guint interval_ms);
+    int watch(bool json, unsigned limit);
+    int stats(bool json);
 
 private:
     bus_client& m_client;

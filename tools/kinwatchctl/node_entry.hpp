@@ -22,6 +22,12 @@ struct node_entry {
     // The entries of a reply of type "(a(ssstt))", sorted by hardware
     // address; empty for any other type.
     static std::vector<node_entry> list_from(GVariant* reply);
+    // One node of the monitor interface, a dictionary ("a{sv}": mac, ipv4,
+    // ipv6, first_seen, last_seen); a field that is missing stays empty.
+    static node_entry from_dictionary(GVariant* node);
+    // The entries of an array of such dictionaries, sorted likewise.
+    static std::vector<node_entry> list_from_dictionaries(GVariant* nodes);
+    static void sort(std::vector<node_entry>& list);
 };
 
 } // namespace kw::ctl

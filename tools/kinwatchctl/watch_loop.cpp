@@ -1,13 +1,15 @@
 #include "tools/kinwatchctl/watch_loop.hpp"
 
+#include "tools/kinwatchctl/node_format.hpp"
+
 #include <glib-unix.h>
 
 #include <csignal>
 
 namespace kw::ctl {
 
-watch_loop::watch_loop(bus_client& client, std::ostream& out, std::ostream& err, guint interval_ms)
-    : m_client(client), m_out(out), m_err(err), m_interval_ms(interval_ms)
+watch_loop::watch_loop(bus_client& client, std::ostream& out, std::ostream& err, bool json, unsigned limit)
+    : m_client(client), m_out(out), m_err(err), m_json(json), m_limit(limit)
 {
 }
 
@@ -18,7 +20,16 @@ watch_loop::~watch_loop()
 
 void watch_loop::remove_sources()
 {
-    for (guint* id : {&m_timer, &m_sigint, &m_sigterm}) {
+    GDBusConnection* connection = m_client.connection();
+    for (guint* id : {&m_node_subscription, &m_owner_subscription}) {
+        if (*id)
+            g_dbus_connection_signal_unsubscribe(connection, *id);
+        *id = 0;
+    }
+    if (m_closed_handler)
+        g_signal_handler_disconnect(connection, m_closed_handler);
+    m_closed_handler = 0;
+    for (guint* id : {&m_sigint, &m_sigterm}) {
         if (*id)
             g_source_remove(*id);
         *id = 0;
@@ -27,17 +38,27 @@ void watch_loop::remove_sources()
 
 int watch_loop::run()
 {
+    // Subscribed before the baseline is taken, so no change falls between.
+    GDBusConnection* connection = m_client.connection();
+    m_node_subscription = g_dbus_connection_signal_subscribe(
+        connection, bus_client::bus_name, bus_client::monitor_interface_name, nullptr, bus_client::object_path,
+        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &watch_loop::on_node_signal, this, nullptr);
+    m_owner_subscription = g_dbus_connection_signal_subscribe(
+        connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", "/org/freedesktop/DBus",
+        bus_client::bus_name, G_DBUS_SIGNAL_FLAGS_NONE, &watch_loop::on_owner_changed, this, nullptr);
+    m_closed_handler = g_signal_connect(connection, "closed", G_CALLBACK(&watch_loop::on_closed), this);
+
     bus_failure failure;
-    auto known = m_client.nodes(bus_client::node_list::known, failure);
-    auto lost = known ? m_client.nodes(bus_client::node_list::lost, failure) : std::nullopt;
-    if (!known || !lost)
+    auto first = m_client.monitor_nodes(failure);
+    if (!first)
         return failure.report(m_err, "watch the nodes");
-    m_watch.update(*known, *lost);
-    m_err << "kinwatchctl: watching " << known->size() << " known and " << lost->size()
+    m_watch.update(first->known, first->lost);
+    m_generation = first->generation;
+    m_synced = true;
+    m_err << "kinwatchctl: watching " << first->known.size() << " known and " << first->lost.size()
           << " lost nodes; interrupt to stop" << std::endl;
 
     m_loop = adopt(g_main_loop_new(nullptr, FALSE));
-    m_timer = g_timeout_add(m_interval_ms, on_tick, this);
     m_sigint = g_unix_signal_add(SIGINT, on_signal, this);
     m_sigterm = g_unix_signal_add(SIGTERM, on_signal, this);
     g_main_loop_run(m_loop.get());
@@ -52,45 +73,112 @@ void watch_loop::stop(int status)
         g_main_loop_quit(m_loop.get());
 }
 
-gboolean watch_loop::on_tick(gpointer self)
-{
-    auto* loop = static_cast<watch_loop*>(self);
-    if (!loop->poll())
-        loop->stop(exit_not_running);
-    return G_SOURCE_CONTINUE;
-}
-
 gboolean watch_loop::on_signal(gpointer self)
 {
     static_cast<watch_loop*>(self)->stop(exit_ok);
     return G_SOURCE_CONTINUE;
 }
 
-bool watch_loop::poll()
+void watch_loop::on_closed(GDBusConnection*, gboolean, GError*, gpointer self)
+{
+    auto* loop = static_cast<watch_loop*>(self);
+    loop->stop(bus_failure::not_running().report(loop->m_err, "watch the nodes"));
+}
+
+void watch_loop::on_node_signal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* member,
+                                GVariant* parameters, gpointer self)
+{
+    static_cast<watch_loop*>(self)->node_signal(member, parameters);
+}
+
+void watch_loop::on_owner_changed(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                                  GVariant* parameters, gpointer self)
+{
+    auto* loop = static_cast<watch_loop*>(self);
+    const char* owner = nullptr;
+    g_variant_get(parameters, "(&s&s&s)", nullptr, nullptr, &owner);
+    // A new owner counts its generations anew: take its lists.
+    loop->m_synced = false;
+    if (owner && *owner)
+        loop->resynchronise();
+    else
+        loop->report_once(bus_failure::not_running());
+}
+
+void watch_loop::report_once(const bus_failure& failure)
+{
+    std::string trouble = std::to_string(static_cast<int>(failure.what())) + " " + failure.message();
+    if (trouble == m_reported)
+        return;
+    failure.report(m_err, "watch the nodes");
+    m_err.flush();
+    m_reported = trouble;
+}
+
+void watch_loop::node_signal(const char* member, GVariant* parameters)
+{
+    if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ta{sv})")))
+        return;
+    std::uint64_t generation = 0;
+    g_ptr<GVariant> dictionary;
+    {
+        GVariant* node = nullptr;
+        g_variant_get(parameters, "(t@a{sv})", &generation, &node);
+        dictionary = adopt(node);
+    }
+    // Older than the mirror: the lists already hold it. A gap: changes were
+    // missed, so the lists are read again.
+    if (!m_synced || generation <= m_generation)
+        return;
+    if (generation != m_generation + 1) {
+        resynchronise();
+        return;
+    }
+    m_generation = generation;
+    const std::string name = member ? member : "";
+    node_watch::signalled kind = name == "NodeJoined" ? node_watch::signalled::joined
+                                 : name == "NodeLost" ? node_watch::signalled::lost
+                                                      : node_watch::signalled::left;
+    gboolean reported = FALSE;
+    bool has_reported = g_variant_lookup(dictionary.get(), "reported", "b", &reported);
+    bool flag = reported;
+    tell(m_watch.apply(kind, node_entry::from_dictionary(dictionary.get())), generation,
+         has_reported ? &flag : nullptr);
+}
+
+bool watch_loop::resynchronise()
 {
     bus_failure failure;
-    auto known = m_client.nodes(bus_client::node_list::known, failure);
-    auto lost = known ? m_client.nodes(bus_client::node_list::lost, failure) : std::nullopt;
-    if (!known || !lost) {
-        if (m_client.closed()) {
-            failure.report(m_err, "watch the nodes");
-            return false;
-        }
-        // The service may be restarted or re-enabled; keep watching and
-        // tell each new kind of trouble once (same kind, same message).
-        std::string trouble = std::to_string(static_cast<int>(failure.what())) + " " + failure.message();
-        if (trouble != m_reported) {
-            failure.report(m_err, "watch the nodes");
-            m_err.flush();
-            m_reported = trouble;
-        }
-        return true;
+    auto taken = m_client.monitor_nodes(failure);
+    if (!taken) {
+        report_once(failure);
+        return false;
     }
     m_reported.clear();
-    for (const auto& line : m_watch.update(*known, *lost))
-        m_out << line << '\n';
-    m_out.flush();
+    m_generation = taken->generation;
+    m_synced = true;
+    for (const auto& change : m_watch.update(taken->known, taken->lost))
+        tell(change, taken->generation);
     return true;
+}
+
+// "joined 02:00:00:00:00:02 10.78.0.2 fd78::2", or with --json
+// {"change":"joined","generation":7,"mac":…,…,"reported":true}.
+void watch_loop::tell(const node_watch::change& change, std::uint64_t generation, const bool* reported)
+{
+    if (m_limit && m_told >= m_limit)
+        return;
+    if (m_json) {
+        std::string node = node_format::json_line(change.node);
+        m_out << "{\"change\":" << node_format::json_string(change.what) << ",\"generation\":" << generation << ","
+              << node.substr(1, node.size() - 2) << (reported ? (*reported ? ",\"reported\":true" : ",\"reported\":false") : "")
+              << "}\n";
+    } else {
+        m_out << change.what << ' ' << change.node.mac << ' ' << change.node.ipv4 << ' ' << change.node.ipv6 << '\n';
+    }
+    m_out.flush();
+    if (m_limit && ++m_told == m_limit)
+        stop(exit_ok);
 }
 
 } // namespace kw::ctl

@@ -21,7 +21,9 @@ TEST(command_line, options_in_any_order_and_usage_errors)
     const std::pair<std::vector<std::string>, const char*> errors[] = {
         {{"reboot"}, "unknown command reboot"},
         {{"status", "now"}, "status takes no argument"},
-        {{"status", "--json"}, "--json only goes with nodes"},
+        {{"status", "--json"}, "--json only goes with nodes, watch or stats"},
+        {{"nodes", "--limit", "2"}, "--limit only goes with watch"},
+        {{"watch", "--limit=0"}, "--limit needs a whole number from 1"},
         {{"--address=", "status"}, "--address needs a bus address"},
         {{"set", "ttl", "1", "2"}, "set needs a setting and a value"},
         {{"set", "TTL", "1"}, "unknown setting TTL (enabled, ttl, group, ipv4-group or ipv6-group)"},
@@ -61,7 +63,7 @@ TEST(node_format, ages_times_table_and_json)
               R"({"mac":"a\"b\\c","ipv4":"\n\t","ipv6":"\u0001","first_seen":1,"last_seen":18446744073709551615})");
 }
 
-TEST(node_watch, tells_joins_losses_and_returns_after_the_baseline)
+TEST(node_watch, tells_joins_losses_returns_and_departures_read_or_signalled)
 {
     using lines = std::vector<std::string>;
     auto node = [](int n, const char* prefix = "10.78.0.") {
@@ -69,12 +71,24 @@ TEST(node_watch, tells_joins_losses_and_returns_after_the_baseline)
                            "fd78::" + std::to_string(n), 1, 2};
     };
     node_watch watch;
-    EXPECT_EQ(watch.update({node(2)}, {node(5)}), lines {}); // the baseline is no news
-    EXPECT_EQ(watch.update({node(3), node(2)}, {node(5)}), lines {"joined 02:00:00:00:00:03 10.78.0.3 fd78::3"});
-    EXPECT_EQ(watch.update({node(3)}, {node(2, "10.99.0."), node(5)}), lines {"lost 02:00:00:00:00:02 10.99.0.2 fd78::2"});
-    EXPECT_EQ(watch.update({node(2), node(5)}, {}),
-              (lines {"back 02:00:00:00:00:02 10.78.0.2 fd78::2", "back 02:00:00:00:00:05 10.78.0.5 fd78::5",
-                      "lost 02:00:00:00:00:03 10.78.0.3 fd78::3"}));
+    auto told = [](const std::vector<node_watch::change>& changes) {
+        lines out;
+        for (const auto& c : changes)
+            out.push_back(c.what + " " + c.node.mac.substr(15) + " " + c.node.ipv4);
+        return out;
+    };
+    EXPECT_EQ(told(watch.update({node(2)}, {node(5)})), lines {}); // the baseline is no news
+    EXPECT_EQ(told(watch.update({node(3), node(2)}, {node(5)})), lines {"joined 03 10.78.0.3"});
+    EXPECT_EQ(told(watch.update({node(3)}, {node(2, "10.99.0."), node(5)})), lines {"lost 02 10.99.0.2"});
+    EXPECT_EQ(told(watch.update({node(2), node(5)}, {})),
+              (lines {"back 02 10.78.0.2", "back 05 10.78.0.5", "left 03 10.78.0.3"}));
+    // Signalled one by one: a node that returns from the lost list is back,
+    // one that left and comes again has joined.
+    using kind = node_watch::signalled;
+    EXPECT_EQ(told({watch.apply(kind::lost, node(2)), watch.apply(kind::joined, node(2)),
+                    watch.apply(kind::left, node(5)), watch.apply(kind::joined, node(5))}),
+              (lines {"lost 02 10.78.0.2", "back 02 10.78.0.2", "left 05 10.78.0.5", "joined 05 10.78.0.5"}));
+    EXPECT_EQ(told(watch.update({node(2), node(5)}, {})), lines {}) << "the mirror followed the signals";
 }
 
 } // namespace

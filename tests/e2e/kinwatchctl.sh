@@ -1,0 +1,151 @@
+#!/usr/bin/env bash
+# kinwatchctl against real services of a lab (scripts/lab) of three cameras:
+# the node signals as clients of cameras 1 and 2 receive them while camera 3
+# leaves, joins again and is killed; a limited watch that never polls; then
+# every command in each state a user meets on camera 1 (enabled, disabled,
+# package stopped, service absent), with its output and exit status.
+# Usage: kinwatchctl.sh <scripts/lab> <kinwatch> <kinwatchctl>
+set -uo pipefail
+script=$(realpath "$1") kinwatch=$2 ctl_binary=$3
+name=kwctl$$
+state=/tmp/kinwatch-lab-$name
+failures=0
+[[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
+
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+check() { "$@" || fail "$*"; }
+lab() { bash "$script" --name "$name" "$@"; }
+ctl() { local n=$1; shift; "$ctl_binary" --address "$(lab address "$n")" "$@"; }
+equals() { [[ $1 == "$2" ]] || { echo "  got:      ${1@Q}"; echo "  expected: ${2@Q}"; return 1; }; }
+matches() { [[ $1 =~ $2 ]] || { echo "  got:      ${1@Q}"; echo "  expected: /$2/"; return 1; }; }
+wait_for() { local end=$((SECONDS + $1)); shift; until "$@"; do ((SECONDS < end)) || return 1; sleep 1; done; }
+knows() { [[ $(lab nodes "$1" 2>/dev/null | cut -d' ' -f1 | tr '\n' ' ') == "$2" ]]; } # <camera> "<macs> "
+mac() { printf '02:00:00:00:00:%02x' "$1"; }
+
+for dir in /tmp/kinwatch-lab-kwctl*; do
+  old=${dir#/tmp/kinwatch-lab-}
+  [[ -d $dir ]] && ! kill -0 "${old#kwctl}" 2>/dev/null && bash "$script" --name "$old" down
+done
+trap 'lab down >/dev/null 2>&1' EXIT
+lab up 3 --binary "$kinwatch" --fast-join || exit 1
+wait_for 20 eval 'knows 1 "$(mac 2) $(mac 3) " && knows 2 "$(mac 1) $(mac 3) "' || fail "the cameras did not learn each other"
+
+echo "--- signals: camera 3 leaves, joins again and is killed"
+for n in 1 2; do ctl "$n" watch --json >"$state/signals$n" 2>/dev/null & eval "signals$n=\$!"; done
+dbus-monitor --address "$(lab address 1)" "type='method_call'" >"$state/calls" 2>/dev/null &
+monitor=$!
+sleep 2
+lab run-state 3 Stopped
+wait_for 15 eval '[[ $(wc -l <"$state/signals1") -ge 1 ]]' || fail "camera 1 did not see camera 3 leave"
+ctl 1 watch --limit 2 >"$state/limited" 2>&1 &
+limited=$!
+sleep 1
+lab run-state 3 Running
+wait_for 15 eval '[[ $(wc -l <"$state/signals2") -ge 2 ]]' || fail "camera 2 did not see camera 3 join"
+lab kill 3
+wait "$limited"
+check equals "$?" 0
+check equals "$(grep -v '^kinwatchctl: watching' "$state/limited")" "joined $(mac 3) 10.78.0.3 fd78::3
+lost $(mac 3) 10.78.0.3 fd78::3"
+kill "$monitor"
+check equals "$(grep -cE 'member=Get(Known|Lost)Nodes' "$state/calls")" 0
+check grep -q 'member=GetNodes' "$state/calls"
+wait_for 20 eval '[[ $(wc -l <"$state/signals2") -ge 3 ]]' || fail "camera 2 did not see camera 3 lost"
+for n in 1 2; do
+  kill -INT "$(eval echo "\$signals$n")"
+  # One change each, generations one apart, the loss reported by camera 1 alone.
+  check equals "$(sed -E 's/"generation":[0-9]+,//; s/,"first_seen".*"reported"/,"reported"/; s/,"first_seen".*\}/}/' "$state/signals$n")" \
+"{\"change\":\"left\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\"}
+{\"change\":\"joined\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\"}
+{\"change\":\"lost\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\",\"reported\":$([[ $n == 1 ]] && echo true || echo false)}"
+  check awk -F'"generation":' 'NR > 1 && $2 + 0 != last + 1 { exit 1 } { last = $2 + 0 }' "$state/signals$n"
+  # GetNodes agrees with the two lists of the documented interface.
+  snapshot=$(gdbus call --address "$(lab address "$n")" -d com.tavix.Kinwatch -o /com/tavix/Kinwatch \
+    -m com.tavix.Kinwatch.Monitor1.GetNodes)
+  check equals "$(grep -o "'mac': <'[^']*'>" <<<"$snapshot" | tr -d "'<>" | cut -d' ' -f2 | tr '\n' ' ')" \
+    "$(lab nodes "$n" | cut -d' ' -f1 | tr '\n' ' ')$(lab nodes "$n" --lost | cut -d' ' -f1 | tr '\n' ' ')"
+done
+
+echo "--- every command in every state of camera 1"
+# Each row: state, command, exit status, the output (stdout and stderr) as
+# a pattern. Camera 1 knows camera 2 and has lost camera 3.
+absent="^kinwatchctl: the kinwatch service is not running on this bus$"
+settings="^enabled: +(true|false)
+ttl: +[0-9]+
+group: +1
+ipv4-group: +239\.255\.78\.1
+ipv6-group: +ff05::78
+keyed: +no
+"
+table="
+enabled|status|0|${settings}known nodes: 1
+lost nodes:  1$
+enabled|nodes|0|^HARDWARE ADDRESS .*
+$(mac 2)  10\.78\.0\.2  fd78::2  [^
+]+$
+enabled|nodes --lost|0|^HARDWARE ADDRESS .*
+$(mac 3)  10\.78\.0\.3  fd78::3  [^
+]+$
+enabled|nodes --json|0|^\{\"mac\":\"$(mac 2)\",\"ipv4\":\"10\.78\.0\.2\",\"ipv6\":\"fd78::2\",\"first_seen\":[0-9]+,\"last_seen\":[0-9]+\}$
+enabled|set ttl 2|0|^$
+enabled|watch|0|^kinwatchctl: watching 1 known and 1 lost nodes; interrupt to stop$
+enabled|stats|0|^received_ipv4: +[1-9][0-9]*
+(.*
+)*queue_high_water: +[0-9]+$
+enabled|stats --json|0|^\{\"received_ipv4\":[1-9][0-9]*,(\"[a-z0-9_]+\":[0-9]+,){17}\"queue_high_water\":[0-9]+\}$
+disabled|status|0|${settings}known nodes: - \(not enabled\)
+lost nodes:  - \(not enabled\)$
+disabled|nodes|1|^kinwatchctl: cannot list the known nodes: Kinwatch is not enabled$
+disabled|nodes --lost|1|^kinwatchctl: cannot list the lost nodes: Kinwatch is not enabled$
+disabled|nodes --json|1|^kinwatchctl: cannot list the known nodes: Kinwatch is not enabled$
+disabled|set ttl 3|0|^$
+disabled|watch|0|^kinwatchctl: watching 0 known and 0 lost nodes; interrupt to stop$
+disabled|stats --json|0|^\{\"received_ipv4\":[1-9]
+stopped|status|0|${settings}known nodes: 0
+lost nodes:  0$
+stopped|nodes|0|^No known nodes\.$
+stopped|nodes --lost|0|^No lost nodes\.$
+stopped|nodes --json|0|^$
+stopped|set ttl 1|0|^$
+stopped|watch|0|^kinwatchctl: watching 0 known and 0 lost nodes; interrupt to stop$
+stopped|stats|0|^received_ipv4: +[1-9]
+absent|status|3|$absent
+absent|nodes|3|$absent
+absent|nodes --json|3|$absent
+absent|set ttl 2|3|$absent
+absent|watch|3|$absent
+absent|stats|3|$absent
+"
+enter() { # <state>
+  case $1 in
+    disabled) ctl 1 set enabled false ;;
+    stopped) ctl 1 set enabled true && lab run-state 1 Stopped ;;
+    absent) lab stop 1 ;;
+  esac
+}
+current=enabled
+rows=()
+while IFS= read -r line; do
+  if [[ $line =~ ^(enabled|disabled|stopped|absent)\| ]]; then
+    rows+=("$line")
+  elif [[ -n $line ]] && ((${#rows[@]})); then
+    rows[-1]+=$'\n'$line
+  fi
+done <<<"$table"
+for row in "${rows[@]}"; do
+  IFS='|' read -r when command status _ <<<"${row%%$'\n'*}"
+  pattern=${row#*|*|*|}
+  [[ $when == "$current" ]] || { enter "$when"; current=$when; sleep 1; }
+  # A watch runs until interrupted: it is ended with SIGTERM, its clean end.
+  if [[ $command == watch ]]; then
+    out=$(timeout --preserve-status 2 "$ctl_binary" --address "$(lab address 1)" watch 2>&1)
+  else
+    # shellcheck disable=SC2086 # the command's words
+    out=$(ctl 1 $command 2>&1)
+  fi
+  got=$?
+  equals "$got" "$status" && matches "$out" "$pattern" || fail "$when: kinwatchctl $command"
+done
+
+echo "$failures failures"
+((failures == 0))
