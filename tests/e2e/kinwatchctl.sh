@@ -87,6 +87,9 @@ enabled|nodes --lost|0|^HARDWARE ADDRESS .*
 $(mac 3)  10\.78\.0\.3  fd78::3  [^
 ]+$
 enabled|nodes --json|0|^\{\"mac\":\"$(mac 2)\",\"ipv4\":\"10\.78\.0\.2\",\"ipv6\":\"fd78::2\",\"first_seen\":[0-9]+,\"last_seen\":[0-9]+\}$
+enabled|set ttl 0|1|^kinwatchctl: cannot set ttl: TTL must be in the range \[1\.\.255\]$
+enabled|set ttl 256|2|^kinwatchctl: invalid value '256' for ttl: expected a whole number from 0 to 255
+Try 'kinwatchctl --help'\.$
 enabled|set ttl 2|0|^$
 enabled|watch|0|^kinwatchctl: watching 1 known and 1 lost nodes; interrupt to stop$
 enabled|stats|0|^received_ipv4: +[1-9][0-9]*
