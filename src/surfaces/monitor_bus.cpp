@@ -79,7 +79,17 @@ std::unique_ptr<monitor_bus> monitor_bus::create(monitor& engine)
 monitor_bus::~monitor_bus()
 {
     m_monitor.changes().set_listener(nullptr);
+    if (m_follow_up_id != 0)
+        g_source_remove(m_follow_up_id);
     unregister();
+}
+
+gboolean monitor_bus::on_follow_up(gpointer self)
+{
+    auto* bus = static_cast<monitor_bus*>(self);
+    bus->m_follow_up_id = 0;
+    bus->emit_waiting();
+    return G_SOURCE_REMOVE;
 }
 
 void monitor_bus::register_on(GDBusConnection* connection, const char* object_path)
@@ -119,6 +129,9 @@ void monitor_bus::emit_waiting()
                                                     node_dictionary(*change.node, reported)),
                                       nullptr);
     }
+    // A stopped monitor has no tick to tell the rest: keep its pace here.
+    if (changes.waiting() > 0 && !m_monitor.is_running() && m_follow_up_id == 0)
+        m_follow_up_id = g_timeout_add_seconds(monitor::process_period_seconds, &monitor_bus::on_follow_up, this);
 }
 
 void monitor_bus::method_call(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method_name,

@@ -50,6 +50,7 @@ public:
 
 private:
     static const GDBusInterfaceVTable s_interface_table;
+    static gboolean on_follow_up(gpointer self);
 
     // Emits what waits, at most MaxHosts signals at a time: the rest waits
     // for the next tick, so a burst never holds the main loop up for long.
@@ -60,6 +61,7 @@ private:
     g_ptr<GDBusConnection> m_connection;
     std::string m_object_path;
     guint m_registration_id = 0;
+    guint m_follow_up_id = 0;
 };
 
 } // namespace kw
