@@ -6,16 +6,10 @@
 # 65 s after, no datagram is refused, an invalid file leaves the keys in use,
 # and camera 3, started with key B alone, knows both and is known by both.
 # Usage: group_keys.sh <scripts/lab> <kinwatch>
-set -uo pipefail
-script=$(realpath "$1") kinwatch=$2 name=kwkeys$$ failures=0
-[[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-lab() { bash "$script" --name "$name" "$@"; }
-wait_for() { local end=$((SECONDS + $1)); shift; until "$@"; do ((SECONDS < end)) || return 1; sleep 0.5; done; }
+source "$(dirname "$0")/lab_test.sh" kwkeys "$@"
 loaded() { [[ $(lab log "$1" | grep -c 'Group keys loaded from') -ge $2 ]]; } # <camera> <times>
 knows() { [[ $(lab nodes "$1" 2>/dev/null | cut -c 16-17 | tr -d '\n') == "$2" ]]; } # <camera> <last digits...>
 
-trap 'lab down >/dev/null 2>&1' EXIT
 lab up 3 --binary "$kinwatch" --fast-join --user --key-file || exit 1
 A=$(grep -v '^#' "/tmp/kinwatch-lab-$name/c1/keys/group.key")
 B=$(od -An -tx1 -N32 /dev/urandom | tr -d ' \n')

@@ -8,28 +8,8 @@
 # through bash, so neither the place of the checkout nor its permissions
 # matter.
 # Usage: lab_scenario.sh <scripts/lab> <kinwatch> <kinwatchctl>
-set -uo pipefail
-script=$(realpath "$1") kinwatch=$2 ctl_binary=$3
-name=kwe2e$$
-state=/tmp/kinwatch-lab-$name
-failures=0
-[[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
+source "$(dirname "$0")/lab_test.sh" kwe2e "$@"
 
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-check() { "$@" || fail "$*"; } # <command...>
-lab() { bash "$script" --name "$name" "$@"; }
-ctl() { local n=$1; shift; "$ctl_binary" --address "$(lab address "$n")" "$@"; }
-mac() { printf '02:00:00:00:00:%02x' "$1"; }
-node() { echo "$(mac "$1") 10.78.0.$1 fd78::$1"; }
-# Polls every second until the command succeeds, for at most <seconds>.
-wait_for() { # <seconds> <command...>
-  local end=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    ((SECONDS < end)) || return 1
-    sleep 1
-  done
-}
 # Whether camera A's known (--lost: lost) list holds exactly the cameras
 # named; a failed call holds nothing.
 holds() { # [--lost] <a> <camera...>
@@ -45,19 +25,11 @@ count_events() { # <camera> <event> [<camera named>]
   lab events "$1" | grep -c "^$2 serialnumber=${3:+$(mac "$3") }"
 }
 gone() { [[ ! -e /proc/$1 || $(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null) == Z* ]]; }
-equals() { [[ $1 == "$2" ]] || { echo "  got:      ${1@Q}"; echo "  expected: ${2@Q}"; return 1; }; }
-
-# Labs of earlier runs that were killed before they could take them down.
-for dir in /tmp/kinwatch-lab-kwe2e*; do
-  old=${dir#/tmp/kinwatch-lab-}
-  [[ -d $dir ]] && ! kill -0 "${old#kwe2e}" 2>/dev/null && bash "$script" --name "$old" down
-done
 
 out=$(cd / && setpriv --reuid=65534 --regid=65534 --clear-groups bash -s -- status <"$script" 2>&1)
 check test $? -ne 0
 check grep -q "must run as root" <<<"$out"
 
-trap 'lab down >/dev/null 2>&1' EXIT
 since=$(date +%s)
 lab up 4 --binary "$kinwatch" --fast-join=1,2,3 --user --fake-clock=1 || exit 1
 for pid in $(lab status | grep -oE 'kinwatch=[0-9]+' | cut -d= -f2); do

@@ -5,20 +5,13 @@
 # their logs: no event, nothing but ANNOUNCEs, one per camera and family
 # every 55 s, each applied by the siblings at their next 5-s round.
 # Usage: quiet_group.sh <scripts/lab> <kinwatch>
-set -uo pipefail
-script=$(realpath "$1") kinwatch=$2
-name=kwquiet$$
-state=/tmp/kinwatch-lab-$name
-failed=0
-[[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
-lab() { bash "$script" --name "$name" "$@"; }
+source "$(dirname "$0")/lab_test.sh" kwquiet "$@"
 holds_others() { # <camera>: its known list holds exactly the two others, its lost list nothing
   [[ $(lab nodes "$1" | cut -d' ' -f1 | tr '\n' ' ') == "$(for n in 1 2 3; do ((n == $1)) || printf '02:00:00:00:00:%02x ' "$n"; done)" &&
     -z $(lab nodes "$1" --lost) ]]
 }
 events() { for n in 1 2 3; do lab events "$n" | wc -l; done | tr '\n' ' '; }
 
-trap 'lab down >/dev/null 2>&1' EXIT
 lab up 3 --binary "$kinwatch" --fast-join=1,2 || exit 1
 # Second-granularity timers of one host fire at the same instant of the
 # second: restarted 2.5 s later, camera 3 does not tick at the very instant
@@ -73,7 +66,7 @@ awk '
     }
     printf "%d datagrams; ANNOUNCEs applied: %d %d %d\n", NR - nlog, nrounds[1], nrounds[2], nrounds[3]
     exit failed
-  }' "$state/quiet.lines" || failed=1
-[[ $before == "$after" ]] || { echo "FAIL: events raised while left alone: $before then $after"; failed=1; }
-for n in 1 2 3; do holds_others "$n" || { echo "FAIL: camera $n no longer holds exactly the others"; failed=1; }; done
-((failed == 0)) && echo "passed"
+  }' "$state/quiet.lines" || failures=1
+[[ $before == "$after" ]] || { echo "FAIL: events raised while left alone: $before then $after"; failures=1; }
+for n in 1 2 3; do holds_others "$n" || { echo "FAIL: camera $n no longer holds exactly the others"; failures=1; }; done
+((failures == 0)) && echo "passed"

@@ -56,9 +56,8 @@ struct signal_log {
         static_cast<signal_log*>(self)->lines.push_back(std::string(member) + " " +
                                                         take_string(g_variant_print(arguments, FALSE)));
     }
-    // What came since the last take. A signal goes out before the reply to
-    // the call that caused it, so once a later call has returned, its
-    // dispatch waits in this thread's main context.
+    // What came since the last take: once a later call has returned, the
+    // signals sent before its reply wait in this thread's main context.
     std::vector<std::string> take()
     {
         while (g_main_context_iteration(nullptr, FALSE)) {
@@ -110,7 +109,6 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
         {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1", true},
         {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3", true},
         {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", true},
-        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", false},
         {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true", true},
     };
     for (const auto& [name, value, reply, line, changed] : writes) {
@@ -148,7 +146,6 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
     const std::string at = "'>, 'ipv6': <'fd77::", seen = "'>, 'first_seen': <uint64 1795329000>, 'last_seen': <uint64 ";
     const std::string eight = "{'mac': <'02:00:00:00:00:08'>, 'ipv4': <'10.77.0.8" + at + "8" + seen + "1795329000>";
     const std::string nine = "{'mac': <'02:00:00:00:00:09'>, 'ipv4': <'10.77.0.10" + at + "a" + seen + "1795329010>";
-    call(client.get(), dbus_api::interface_name, "GetLostNodes");
     EXPECT_EQ(signals.take(), (std::vector<std::string> {
               "NodeJoined (1, {'mac': <'02:00:00:00:00:09'>, 'ipv4': <'10.77.0.9" + at + "9" + seen + "1795329000>})",
               "NodeJoined (2, " + eight + "})", "NodeLost (3, " + eight + ", 'reported': <false>})",

@@ -8,12 +8,11 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <sodium.h>
 
-#include <numeric>
-
 #include <filesystem>
+#include <map>
+#include <numeric>
 
 namespace kw::test {
 namespace {
@@ -409,8 +408,7 @@ TEST_F(monitor_test, keyed_cameras_know_only_those_that_share_a_key)
 // index), it is used again.
 TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_when_made_again)
 {
-    netns &here = *m_lab->host(0).ns, other("other");
-    netns_enter inside(here); // where the watcher reads the addresses and the new chains are made
+    netns &here = *m_lab->host(0).ns, other("other"); // the fixture is in here, where the new chains are made
     camera cam({.id = 1});
     monitor& engine = start(cam);
     auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
