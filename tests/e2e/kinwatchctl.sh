@@ -114,7 +114,7 @@ for row in "${rows[@]}"; do
   [[ $when == "$current" ]] || { enter "$when"; current=$when; sleep 1; }
   # A watch runs until interrupted: it is ended with SIGTERM, its clean end.
   if [[ $command == watch ]]; then
-    out=$(timeout --preserve-status 2 "$ctl_binary" --address "$(lab address 1)" watch 2>&1)
+    out=$(timeout -k 5 --preserve-status 2 "$ctl_binary" --address "$(lab address 1)" watch 2>&1)
   else
     # shellcheck disable=SC2086 # the command's words
     out=$(ctl 1 $command 2>&1)

@@ -9,10 +9,17 @@ state=/tmp/kinwatch-lab-$name
 failures=0
 [[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
 
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+# A failure also shows the end of camera 1's log once, for what the service said.
+fail() {
+  echo "FAIL: $*"
+  ((failures++)) || { echo "  camera 1's log ends:"; lab log 1 2>/dev/null | tail -n 15 | sed 's/^/    /'; }
+}
 check() { "$@" || fail "$*"; } # <command...>
 lab() { bash "$script" --name "$name" "$@"; }
-ctl() { local n=$1; shift; "$ctl_binary" --address "$(lab address "$n")" "$@"; }
+# kinwatchctl on camera N's bus. No call may hang a test: past 150 s (a
+# watch that outlives a loss report included) it is ended, with status 124
+# or 137, and the check that made it fails.
+ctl() { local n=$1; shift; timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" "$@"; }
 equals() { [[ $1 == "$2" ]] || { echo "  got:      ${1@Q}"; echo "  expected: ${2@Q}"; return 1; }; }
 matches() { [[ $1 =~ $2 ]] || { echo "  got:      ${1@Q}"; echo "  expected: /$2/"; return 1; }; }
 wait_for() { local end=$((SECONDS + $1)); shift; until "$@"; do ((SECONDS < end)) || return 1; sleep 0.5; done; }
