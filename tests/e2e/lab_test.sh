@@ -9,16 +9,10 @@ state=/tmp/kinwatch-lab-$name
 failures=0
 [[ $(id -u) -eq 0 ]] || { echo "needs root for the lab's namespaces"; exit 77; }
 
-# A failure also shows the end of camera 1's log once, for what the service said.
-fail() {
-  echo "FAIL: $*"
-  ((failures++)) || { echo "  camera 1's log ends:"; lab log 1 2>/dev/null | tail -n 15 | sed 's/^/    /'; }
-}
+fail() { echo "FAIL: $*"; ((failures++)) || lab log 1 2>/dev/null | tail -n 15 | sed 's/^/  camera 1: /'; } # its log once
 check() { "$@" || fail "$*"; } # <command...>
 lab() { bash "$script" --name "$name" "$@"; }
-# kinwatchctl on camera N's bus. No call may hang a test: past 150 s (a
-# watch that outlives a loss report included) it is ended, with status 124
-# or 137, and the check that made it fails.
+# No call hangs a test: past 150 s (a watch outlives a loss report) it ends, status 124 or 137.
 ctl() { local n=$1; shift; timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" "$@"; }
 equals() { [[ $1 == "$2" ]] || { echo "  got:      ${1@Q}"; echo "  expected: ${2@Q}"; return 1; }; }
 matches() { [[ $1 =~ $2 ]] || { echo "  got:      ${1@Q}"; echo "  expected: /$2/"; return 1; }; }
