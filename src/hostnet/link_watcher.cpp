@@ -253,6 +253,17 @@ void link_watcher::on_new_link(rtnl_link* link)
     // Reported as not up until its first address message.
     entry = m_interfaces.emplace(name, known_link {{}, index}).first;
     notify(entry->second.state, entry->first);
+    // Addresses given while it was down (a static IPv4 address with IPv6
+    // off) bring no message once it is up: the snapshot tells them now.
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return;
+    g_ptr<ifaddrs> owned = adopt(list);
+    interface_state fresh = snapshot_state(list, entry->first);
+    if (fresh.ipv4_enabled || fresh.ipv6_enabled) {
+        entry->second.state = fresh;
+        notify(fresh, entry->first);
+    }
 }
 
 void link_watcher::on_removed_link(rtnl_link* link)
@@ -325,8 +336,8 @@ void link_watcher::resynchronise()
         refresh(list, name, known.state);
 }
 
-// Reports the interface when the snapshot gives it another state.
-void link_watcher::refresh(const ifaddrs* list, const std::string& name, interface_state& stored)
+// The state the snapshot gives the interface: up, with its usable addresses.
+interface_state link_watcher::snapshot_state(const ifaddrs* list, const std::string& name)
 {
     interface_state fresh;
     fresh.up = TRUE;
@@ -334,6 +345,13 @@ void link_watcher::refresh(const ifaddrs* list, const std::string& name, interfa
         if (item->ifa_name && name == item->ifa_name)
             store_if_usable(fresh, item->ifa_addr);
     }
+    return fresh;
+}
+
+// Reports the interface when the snapshot gives it another state.
+void link_watcher::refresh(const ifaddrs* list, const std::string& name, interface_state& stored)
+{
+    interface_state fresh = snapshot_state(list, name);
     if (fresh == stored)
         return;
     stored = fresh;

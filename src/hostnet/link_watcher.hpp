@@ -88,6 +88,7 @@ private:
     bool refill_links();
     void refresh_addresses(rtnl_addr* address);
     void resynchronise();
+    static interface_state snapshot_state(const ifaddrs* list, const std::string& name);
     void refresh(const ifaddrs* list, const std::string& name, interface_state& stored);
     void notify(const interface_state& state, const std::string& name);
     void remove_source();
