@@ -95,9 +95,18 @@ void group_auth::sign(peer_message& message, std::uint64_t sequence) const
 std::nullptr_t group_auth::refuse(refusal reason, const sockaddr_storage& source)
 {
     ++m_refused[reason];
-    std::lock_guard lock(m_lock);
-    m_last_source[reason] = source;
+    note_source(reason, source);
     return nullptr;
+}
+
+// Never waits: under a flood of refusals the receiving threads would queue
+// on the lock for a text the tick reads once a minute; another thread's
+// source, taken meanwhile, serves as well.
+void group_auth::note_source(refusal reason, const sockaddr_storage& source)
+{
+    std::unique_lock lock(m_source_lock, std::try_to_lock);
+    if (lock)
+        m_last_source[reason] = source;
 }
 
 std::unique_ptr<peer_message> group_auth::decode(const std::uint8_t* data, ssize_t length,
@@ -144,7 +153,7 @@ bool group_auth::accept_sequence(node_id sender, std::uint64_t sequence, const s
     // variant of the same message, signed with the same number.
     if (sequence < state.highest) {
         ++m_refused[replayed];
-        m_last_source[replayed] = source;
+        note_source(replayed, source);
         return false;
     }
     state.highest = sequence;
@@ -180,7 +189,7 @@ void group_auth::warn_refusals(gint64 monotonic_now)
         m_reported[reason] = total;
         std::string source;
         {
-            std::lock_guard lock(m_lock);
+            std::lock_guard lock(m_source_lock);
             source = address_text(m_last_source[reason]);
         }
         g_warning("Refused %llu %s, last from %s", count, what[reason], source.c_str());

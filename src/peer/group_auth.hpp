@@ -85,13 +85,15 @@ private:
     };
 
     std::nullptr_t refuse(refusal reason, const sockaddr_storage& source);
+    void note_source(refusal reason, const sockaddr_storage& source);
     bool accept_sequence(node_id sender, std::uint64_t sequence, const std::uint8_t* mac,
                          const sockaddr_storage& source);
 
-    mutable std::mutex m_lock; // guards m_keys, m_senders, m_epoch and m_last_source
+    mutable std::mutex m_lock; // guards m_keys, m_senders and m_epoch
     std::shared_ptr<const group_keys> m_keys;
     std::unordered_map<node_id, sender_state> m_senders;
     std::uint64_t m_epoch = 0;
+    std::mutex m_source_lock; // guards m_last_source
     sockaddr_storage m_last_source[refusal_count] {};
     std::atomic<std::uint64_t> m_refused[refusal_count] {};
     std::atomic<std::uint64_t> m_duplicates {0};

@@ -51,9 +51,12 @@ bool monitor::process_tick()
         auth->prune([this](node_id id) { return m_known_nodes->lookup(id) || m_lost_nodes->lookup(id); });
         auth->warn_refusals(m_environment.monotonic());
     }
-    // Without an interface nothing is taken from the queue and nothing expires.
-    if (m_interfaces.empty())
+    // Without an interface nothing is taken from the queue and nothing
+    // expires; changes left over from a burst still go out at this pace.
+    if (m_interfaces.empty()) {
+        m_changes.notify();
         return true;
+    }
 
     // A busy queue lock ends the drain early; the rest waits for the next tick.
     std::size_t taken = 0;
@@ -118,6 +121,7 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
 {
     message->print();
     node_id id = message->get_node_id();
+    const bool was_lost = m_lost_nodes->lookup(id);
     m_lost_nodes->remove(id);
 
     monitor_message_type* old = nullptr;
@@ -140,9 +144,13 @@ void monitor::process_announce(std::unique_ptr<peer_message> message)
         return;
     monitor_message_type* stored = record.get();
     // A node the full table cannot record raises no SiblingConnected: it
-    // would otherwise be reported again at each of its announcements.
-    if (!m_known_nodes->insert(id, record))
+    // would otherwise be reported again at each of its announcements. One
+    // that came back from the lost table is now in neither.
+    if (!m_known_nodes->insert(id, record)) {
+        if (was_lost)
+            m_changes.record(node_change::left, *stored);
         return;
+    }
     stored->print();
     m_events->send_connected(*stored);
     peer_statistics::add(m_statistics.events_connected);
@@ -209,7 +217,10 @@ void monitor::expire_silent_nodes()
         peer_statistics::add(m_statistics.events_disconnected);
         m_changes.record(node_change::lost, *record, true);
         std::unique_ptr<monitor_message_type> lost = m_known_nodes->steal(id);
-        m_lost_nodes->insert(id, lost); // a full lost table drops the record silently
+        // A full lost table drops the record silently; a mirror of the
+        // tables drops it too.
+        if (!m_lost_nodes->insert(id, lost))
+            m_changes.record(node_change::left, *lost);
         broadcast(peer_message::dispatched_new(m_own_node_id, id, m_settings.get_group()));
     }
 }

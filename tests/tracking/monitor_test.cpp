@@ -477,10 +477,17 @@ TEST_F(monitor_test, statistics_count_every_datagram_by_what_became_of_it)
               {"ticks", 1}, {"queue_high_water", 3}}));
 }
 
+// A client mirroring the tables from the node changes ends with what they
+// hold, whatever a full table refused.
 TEST_F(monitor_test, max_hosts_bounds_both_tables)
 {
     camera cam({.max_hosts = 1});
     monitor& engine = start(cam);
+    std::map<node_id, std::string> mirror;
+    engine.changes().set_listener([&] {
+        for (const node_change& c : engine.changes().take(100))
+            mirror[c.node->get_message().get_node_id()] = c.kind == node_change::joined ? "known" : c.kind == node_change::lost ? "lost" : "none";
+    });
     cam.inject_announce(0x61);
     cam.inject_announce(0x62);
     engine.process_tick();
@@ -502,6 +509,11 @@ TEST_F(monitor_test, max_hosts_bounds_both_tables)
     engine.process_tick();
     EXPECT_EQ(place(engine, 0x63), "none");
     EXPECT_EQ(events("SiblingDisconnected"), 1u);
+    cam.inject_announce(0x65);
+    cam.inject_announce(0x61); // back from the lost table, but the known one is full
+    engine.process_tick();
+    for (node_id id : {0x61, 0x62, 0x63, 0x65})
+        EXPECT_EQ(mirror.contains(id) ? mirror[id] : "none", place(engine, id)) << id;
 
     for (std::size_t i = 0; i < receive_queue_capacity + 5; ++i) // a flood: the queue refuses the last five
         cam.inject_announce(0x64);

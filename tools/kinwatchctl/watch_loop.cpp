@@ -126,9 +126,15 @@ void watch_loop::node_signal(const char* member, GVariant* parameters)
         g_variant_get(parameters, "(t@a{sv})", &generation, &node);
         dictionary = adopt(node);
     }
+    // Out of step (a read of the lists failed, say after the service came
+    // back): the lists are read again, and they hold this change too.
+    if (!m_synced) {
+        resynchronise();
+        return;
+    }
     // Older than the mirror: the lists already hold it. A gap: changes were
     // missed, so the lists are read again.
-    if (!m_synced || generation <= m_generation)
+    if (generation <= m_generation)
         return;
     if (generation != m_generation + 1) {
         resynchronise();
