@@ -13,16 +13,24 @@ lab up 3 --binary "$kinwatch" --fast-join || exit 1
 wait_for 20 eval 'knows 1 "$(mac 2) $(mac 3) " && knows 2 "$(mac 1) $(mac 3) "' || fail "the cameras did not learn each other"
 
 echo "--- signals: camera 3 leaves, joins again and is killed"
-for n in 1 2; do ctl "$n" watch --json >"$state/signals$n" 2>/dev/null & eval "signals$n=\$!"; done
+# Started as commands, not through ctl, so that $! is theirs to end.
+for n in 1 2; do
+  timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err" &
+  eval "signals$n=\$!"
+done
 dbus-monitor --address "$(lab address 1)" "type='method_call'" >"$state/calls" 2>/dev/null &
 monitor=$!
-sleep 2
+# Each watch says when it has subscribed and read the lists.
+watching() { wait_for 20 grep -qs '^kinwatchctl: watching' "$@" || fail "no watch began: $*"; }
+watching "$state/signals1.err"
+watching "$state/signals2.err"
+sleep 1 # dbus-monitor's own subscription
 lab run-state 3 Stopped
 seen() { wait_for 20 eval "[[ \$(wc -l <'$state/signals$1') -ge $2 ]]" || fail "camera $1 saw no change $2"; } # <camera> <n>
 seen 1 1
 ctl 1 watch --limit 2 >"$state/limited" 2>&1 &
 limited=$!
-sleep 1
+watching "$state/limited"
 lab run-state 3 Running
 seen 2 2
 lab kill 3
@@ -35,7 +43,8 @@ check equals "$(grep -cE 'member=Get(Known|Lost)Nodes' "$state/calls")" 0
 check grep -q 'member=GetNodes' "$state/calls"
 seen 2 3
 for n in 1 2; do
-  kill -INT "$(eval echo "\$signals$n")"
+  kill -TERM "$(eval echo "\$signals$n")"
+  check wait "$(eval echo "\$signals$n")"
   # One change each, generations one apart, the loss reported by camera 1 alone.
   check equals "$(sed -E 's/"generation":[0-9]+,//; s/,"first_seen".*"reported"/,"reported"/; s/,"first_seen".*\}/}/' "$state/signals$n")" \
 "{\"change\":\"left\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\"}
