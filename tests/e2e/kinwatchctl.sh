@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# kinwatchctl against real services of a lab (scripts/lab) of three cameras:
-# the node signals as clients of cameras 1 and 2 receive them while camera 3
-# leaves, joins again and is killed (GetNodes against the lists is in the
-# bus API's test); a limited watch that never polls; then
-# every command in each state a user meets on camera 1 (enabled, disabled,
-# package stopped, service absent), with its output and exit status.
+# kinwatchctl against three lab cameras: the node signals as watches on
+# cameras 1 and 2 see camera 3 leave, join again and be killed; a limited
+# watch that never polls; every command in each state a user meets on camera
+# 1 (enabled, disabled, package stopped, service absent), output and status.
 # Usage: kinwatchctl.sh <scripts/lab> <kinwatch> <kinwatchctl>
 source "$(dirname "$0")/lab_test.sh" kwctl "$@"
 knows() { [[ $(lab nodes "$1" 2>/dev/null | cut -d' ' -f1 | tr '\n' ' ') == "$2" ]]; } # <camera> "<macs> "
@@ -13,17 +11,14 @@ lab up 3 --binary "$kinwatch" --fast-join || exit 1
 wait_for 20 eval 'knows 1 "$(mac 2) $(mac 3) " && knows 2 "$(mac 1) $(mac 3) "' || fail "the cameras did not learn each other"
 
 echo "--- signals: camera 3 leaves, joins again and is killed"
-# Started as commands, not through ctl, so that $! is theirs to end.
-for n in 1 2; do
-  timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err" &
-  eval "signals$n=\$!"
+for n in 1 2; do # as commands, not through ctl, so that $! is theirs to end
+  timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err" & eval "signals$n=\$!"
 done
 dbus-monitor --address "$(lab address 1)" "type='method_call'" >"$state/calls" 2>/dev/null &
 monitor=$!
 # Each watch says when it has subscribed and read the lists.
-watching() { wait_for 20 grep -qs '^kinwatchctl: watching' "$@" || fail "no watch began: $*"; }
-watching "$state/signals1.err"
-watching "$state/signals2.err"
+watching() { local f; for f; do wait_for 20 grep -qs '^kinwatchctl: watching' "$f" || fail "no watch began: $f"; done; }
+watching "$state/signals1.err" "$state/signals2.err"
 sleep 1 # dbus-monitor's own subscription
 lab run-state 3 Stopped
 seen() { wait_for 20 eval "[[ \$(wc -l <'$state/signals$1') -ge $2 ]]" || fail "camera $1 saw no change $2"; } # <camera> <n>

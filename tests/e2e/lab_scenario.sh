@@ -1,12 +1,9 @@
 #!/usr/bin/env bash
-# Four cameras of one lab (scripts/lab) show, in one run: learning, fast
-# join, the package run state, a late link, a group change, a kill and its
-# single report, wall-clock steps, and a group change through kinwatchctl. Every
-# service runs as the unprivileged user kinwatch under the package's bus
-# policy; cameras 1 to 3 run with --fast-join, camera 4 (started last)
-# without; camera 1's wall clock can be stepped (libfaketime). The lab script is run
-# through bash, so neither the place of the checkout nor its permissions
-# matter.
+# Four cameras of one lab (scripts/lab, run through bash: the checkout's place
+# and modes do not matter), services as the user kinwatch under the package's
+# bus policy, 1 to 3 with --fast-join, camera 1 under libfaketime: learning,
+# fast join, the run state, a late link, group changes, a kill and its single
+# report, wall-clock steps and a restarted bus daemon.
 # Usage: lab_scenario.sh <scripts/lab> <kinwatch> <kinwatchctl>
 source "$(dirname "$0")/lab_test.sh" kwe2e "$@"
 

@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# Three cameras of one lab, 1 and 2 with --fast-join (millisecond tick), 3
-# without (second-granularity tick), left alone for three announce periods
-# once they know each other. On the wire (a capture on the bridge) and in
-# their logs: no event, nothing but ANNOUNCEs, one per camera and family
-# every 55 s, each applied by the siblings at their next 5-s round.
+# Three cameras, 1 and 2 with --fast-join (millisecond tick), left alone for
+# three announce periods: on the wire and in their logs no event, nothing but
+# ANNOUNCEs, one per camera and family every 55 s, each applied at the
+# siblings' next 5-s round.
 # Usage: quiet_group.sh <scripts/lab> <kinwatch>
 source "$(dirname "$0")/lab_test.sh" kwquiet "$@"
 holds_others() { # <camera>: its known list holds exactly the two others, its lost list nothing
