@@ -481,9 +481,9 @@ TEST_F(monitor_test, statistics_count_every_datagram_by_what_became_of_it)
 // hold, whatever a full table refused.
 TEST_F(monitor_test, max_hosts_bounds_both_tables)
 {
+    std::map<node_id, std::string> mirror; // outlives the camera, whose stop still tells it
     camera cam({.max_hosts = 1});
     monitor& engine = start(cam);
-    std::map<node_id, std::string> mirror;
     engine.changes().set_listener([&] {
         for (const node_change& c : engine.changes().take(100))
             mirror[c.node->get_message().get_node_id()] = c.kind == node_change::joined ? "known" : c.kind == node_change::lost ? "lost" : "none";
