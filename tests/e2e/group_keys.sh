@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# Three keyed cameras of a lab (scripts/lab), services as the user kinwatch:
-# cameras 1 and 2 rotate from key A to key B while they run, in three steps
-# (B added second, moved first, A removed), camera 1's file replaced by a
-# rename and camera 2's written in place. Nobody is lost meanwhile or for
-# 65 s after, no datagram is refused, an invalid file leaves the keys in use,
-# and camera 3, started with key B alone, knows both and is known by both.
+# Keyed lab cameras 1 and 2 rotate from key A to B in three steps (B added second,
+# moved first, A removed; 1 by a rename, 2 in place): nobody is lost then or 65 s
+# after, nothing is refused, an invalid file leaves the keys in use, and camera 3,
+# started with B alone, knows both and is known by both.
 # Usage: group_keys.sh <scripts/lab> <kinwatch>
 source "$(dirname "$0")/lab_test.sh" kwkeys "$@"
 loaded() { [[ $(lab log "$1" | grep -c 'Group keys loaded from') -ge $2 ]]; } # <camera> <times>

@@ -26,9 +26,8 @@ protected:
         KW_REQUIRE_ROOT();
         m_lab = std::make_unique<netns_lab>(2);
         ASSERT_TRUE(m_lab->ok());
-        // A chain rebuilt by a setter, or made for a link that comes later,
-        // is made by this thread: it must never be back in the machine's own
-        // namespace while a monitor exists.
+        // Chains rebuilt by a setter or made for a later link are made by this
+        // thread: it must never be back in the machine's namespace meanwhile.
         m_inside.emplace(*m_lab->host(0).ns);
     }
     monitor& start(camera& cam)
@@ -92,9 +91,8 @@ TEST_F(monitor_test, a_sibling_is_learnt_refreshed_dispatched_brought_back_and_l
     EXPECT_EQ(events("SiblingDisconnected"), 0u);
 }
 
-// Only the lowest live node reports a silent one; each decision counts the
-// marks made earlier in the same walk.
-// Silence is measured on the monotonic clock: a step of the wall clock alone
+// Only the lowest live node reports a silent one, counting the marks made earlier
+// in the walk. Silence is on the monotonic clock: a wall-clock step alone
 // neither loses a live node nor delays a loss.
 TEST_F(monitor_test, the_lowest_live_node_reports_a_node_silent_for_sixty_seconds)
 {
@@ -283,12 +281,11 @@ TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself
     }
 }
 
-// A keyed camera's datagrams are the plain ones plus the trailer. The test
-// plays a sibling from host 1 with the group's key: forgeries, a tampered
-// copy, unkeyed junk and replays change nothing and are warned of at most
-// once a minute per reason; the sibling, killed while its last ANNOUNCE (a
-// duplicate, dropped silently) and an older one (a replay) are sent every
-// 2 s, is reported lost once, 60 s after it was last heard.
+// A keyed camera's datagrams are the plain ones plus the trailer. From host 1,
+// with the key: forgeries, tampering, unkeyed junk and replays change nothing and
+// are warned of once a minute per reason; the sibling, killed while its last
+// ANNOUNCE (a duplicate) and an older one (a replay) are sent every 2 s, is
+// reported lost once, 60 s after it was last heard.
 TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
 {
     std::unique_ptr<probe> listener;
@@ -403,10 +400,9 @@ TEST_F(monitor_test, keyed_cameras_know_only_those_that_share_a_key)
     EXPECT_EQ(known, "2;1;;;");
 }
 
-// A link made while the monitor runs, on a second network, gets its chain at
-// its first usable address; deleted, its threads end; made again (another
-// index), it is used again, this time with its IPv4 address given before it
-// comes up and IPv6 off, so that no address message follows its coming up.
+// A link made while the monitor runs, on a second network, gets its chain at its
+// first usable address; deleted, its threads end; made again (another index,
+// IPv4 given while down, IPv6 off: no address message follows), it is used again.
 TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_when_made_again)
 {
     netns &here = *m_lab->host(0).ns, other("other"); // the fixture is in here, where the new chains are made
@@ -477,8 +473,7 @@ TEST_F(monitor_test, statistics_count_every_datagram_by_what_became_of_it)
               {"ticks", 1}, {"queue_high_water", 3}}));
 }
 
-// A client mirroring the tables from the node changes ends with what they
-// hold, whatever a full table refused.
+// A mirror fed by the node changes ends equal to the tables, whatever a full one refused.
 TEST_F(monitor_test, max_hosts_bounds_both_tables)
 {
     std::map<node_id, std::string> mirror; // outlives the camera, whose stop still tells it
