@@ -12,7 +12,7 @@ wait_for 20 eval 'knows 1 "$(mac 2) $(mac 3) " && knows 2 "$(mac 1) $(mac 3) "' 
 
 echo "--- signals: camera 3 leaves, joins again and is killed"
 for n in 1 2; do # as commands, not through ctl, so that $! is theirs to end
-  timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err" & eval "signals$n=\$!"
+  timeout -k 30 150 "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err" & eval "signals$n=\$!"
 done
 dbus-monitor --address "$(lab address 1)" "type='method_call'" >"$state/calls" 2>/dev/null &
 monitor=$!
@@ -39,7 +39,7 @@ check grep -q 'member=GetNodes' "$state/calls"
 seen 2 3
 for n in 1 2; do
   kill -TERM "$(eval echo "\$signals$n")"
-  check wait "$(eval echo "\$signals$n")"
+  wait "$(eval echo "\$signals$n")" || fail "camera $n's watch ended with status $?: $(cat "$state/signals$n.err")"
   # One change each, generations one apart, the loss reported by camera 1 alone.
   check equals "$(sed -E 's/"generation":[0-9]+,//; s/,"first_seen".*"reported"/,"reported"/; s/,"first_seen".*\}/}/' "$state/signals$n")" \
 "{\"change\":\"left\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\"}
@@ -118,7 +118,7 @@ for row in "${rows[@]}"; do
   [[ $when == "$current" ]] || { enter "$when"; current=$when; sleep 1; }
   # A watch runs until interrupted: it is ended with SIGTERM, its clean end.
   if [[ $command == watch ]]; then
-    out=$(timeout -k 5 --preserve-status 2 "$ctl_binary" --address "$(lab address 1)" watch 2>&1)
+    out=$(timeout -k 30 --preserve-status 2 "$ctl_binary" --address "$(lab address 1)" watch 2>&1)
   else
     # shellcheck disable=SC2086 # the command's words
     out=$(ctl 1 $command 2>&1)

@@ -13,7 +13,7 @@ fail() { echo "FAIL: $*"; ((failures++)) || lab log 1 2>/dev/null | tail -n 15 |
 check() { "$@" || fail "$*"; } # <command...>
 lab() { bash "$script" --name "$name" "$@"; }
 # No call hangs a test: past 150 s (a watch outlives a loss report) it ends, status 124 or 137.
-ctl() { local n=$1; shift; timeout -k 5 150 "$ctl_binary" --address "$(lab address "$n")" "$@"; }
+ctl() { local n=$1; shift; timeout -k 30 150 "$ctl_binary" --address "$(lab address "$n")" "$@"; }
 equals() { [[ $1 == "$2" ]] || { echo "  got:      ${1@Q}"; echo "  expected: ${2@Q}"; return 1; }; }
 matches() { [[ $1 =~ $2 ]] || { echo "  got:      ${1@Q}"; echo "  expected: /$2/"; return 1; }; }
 wait_for() { local end=$((SECONDS + $1)); shift; until "$@"; do ((SECONDS < end)) || return 1; sleep 0.5; done; }
