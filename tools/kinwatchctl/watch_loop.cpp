@@ -63,6 +63,13 @@ int watch_loop::run()
     m_sigterm = g_unix_signal_add(SIGTERM, on_signal, this);
     g_main_loop_run(m_loop.get());
     remove_sources();
+    // Removing the sources gave both signals their default action back. An
+    // interrupt is often sent twice (timeout sends it to the command and
+    // then to its process group; a shell may too): a second one that
+    // arrives while the process ends must not turn a clean end into death
+    // by signal.
+    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGTERM, SIG_IGN);
     return m_status;
 }
 
