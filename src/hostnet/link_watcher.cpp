@@ -37,6 +37,15 @@ void store_if_usable(interface_state& state, const sockaddr* address)
     }
 }
 
+// The host's addresses now; null when they cannot be read.
+g_ptr<ifaddrs> read_addresses()
+{
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return nullptr;
+    return adopt(list);
+}
+
 } // namespace
 
 bool address_is_usable(const sockaddr* address)
@@ -119,12 +128,11 @@ bool link_watcher::setup(int receive_buffer)
 
 bool link_watcher::take_snapshot()
 {
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0)
+    g_ptr<ifaddrs> list = read_addresses();
+    if (!list)
         return false;
-    g_ptr<ifaddrs> owned = adopt(list);
 
-    for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
+    for (const ifaddrs* entry = list.get(); entry; entry = entry->ifa_next) {
         if (!entry->ifa_addr || (entry->ifa_flags & wanted_link_flags) != wanted_link_flags)
             continue;
         if (entry->ifa_addr->sa_family != AF_INET && entry->ifa_addr->sa_family != AF_INET6)
@@ -222,7 +230,8 @@ void link_watcher::on_object(nl_object* object)
 {
     switch (nl_object_get_msgtype(object)) {
     case RTM_NEWLINK:
-        on_new_link(reinterpret_cast<rtnl_link*>(object));
+        if (auto entry = on_new_link(reinterpret_cast<rtnl_link*>(object)); entry != m_interfaces.end())
+            take_early_addresses(entry);
         break;
     case RTM_DELLINK:
         on_removed_link(reinterpret_cast<rtnl_link*>(object));
@@ -236,16 +245,17 @@ void link_watcher::on_object(nl_object* object)
     }
 }
 
-void link_watcher::on_new_link(rtnl_link* link)
+// The entry of a link it entered, or the table's end.
+link_watcher::link_table::iterator link_watcher::on_new_link(rtnl_link* link)
 {
     // A link that goes down is not reported here; it stays as it was.
     if ((rtnl_link_get_flags(link) & wanted_link_flags) != wanted_link_flags)
-        return;
+        return m_interfaces.end();
     const char* name = rtnl_link_get_name(link);
     int index = rtnl_link_get_ifindex(link);
     auto entry = name ? m_interfaces.find(name) : m_interfaces.end();
     if (!name || (entry != m_interfaces.end() && entry->second.index == index))
-        return;
+        return m_interfaces.end();
     // Another index under a known name: the earlier link went away unseen
     // (or a message about it came late), so it is removed first.
     if (entry != m_interfaces.end())
@@ -253,13 +263,17 @@ void link_watcher::on_new_link(rtnl_link* link)
     // Reported as not up until its first address message.
     entry = m_interfaces.emplace(name, known_link {{}, index}).first;
     notify(entry->second.state, entry->first);
-    // Addresses given while it was down (a static IPv4 address with IPv6
-    // off) bring no message once it is up: the snapshot tells them now.
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0)
+    return entry;
+}
+
+// Addresses given while the link was down (a static IPv4 address with IPv6
+// off) bring no message once it is up: a snapshot tells them now.
+void link_watcher::take_early_addresses(link_table::iterator entry)
+{
+    g_ptr<ifaddrs> list = read_addresses();
+    if (!list)
         return;
-    g_ptr<ifaddrs> owned = adopt(list);
-    interface_state fresh = snapshot_state(list, entry->first);
+    interface_state fresh = snapshot_state(list.get(), entry->first);
     if (fresh.ipv4_enabled || fresh.ipv6_enabled) {
         entry->second.state = fresh;
         notify(fresh, entry->first);
@@ -306,11 +320,8 @@ void link_watcher::refresh_addresses(rtnl_addr* address)
 
     // The message says which address changed, but a fresh snapshot decides
     // which addresses the interface has now.
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0)
-        return;
-    g_ptr<ifaddrs> owned = adopt(list);
-    refresh(list, entry->first, entry->second.state);
+    if (g_ptr<ifaddrs> list = read_addresses())
+        refresh(list.get(), entry->first, entry->second.state);
 }
 
 // Lost notifications may have removed, made or changed any link. A fresh
@@ -328,12 +339,11 @@ void link_watcher::resynchronise()
         for (nl_object* link = nl_cache_get_first(m_link_cache.get()); link; link = nl_cache_get_next(link))
             on_new_link(reinterpret_cast<rtnl_link*>(link));
     }
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0)
+    g_ptr<ifaddrs> list = read_addresses();
+    if (!list)
         return;
-    g_ptr<ifaddrs> owned = adopt(list);
     for (auto& [name, known] : m_interfaces)
-        refresh(list, name, known.state);
+        refresh(list.get(), name, known.state);
 }
 
 // The state the snapshot gives the interface: up, with its usable addresses.

@@ -82,7 +82,8 @@ private:
     gboolean on_readable();
     int on_message(nl_msg* message);
     void on_object(nl_object* object);
-    void on_new_link(rtnl_link* link);
+    link_table::iterator on_new_link(rtnl_link* link);
+    void take_early_addresses(link_table::iterator entry);
     void on_removed_link(rtnl_link* link);
     link_table::iterator remove_link(link_table::iterator entry);
     bool refill_links();
