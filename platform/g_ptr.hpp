@@ -70,6 +70,7 @@ template <class T> g_ptr<T> adopt(T* p) { return g_ptr<T>(p); }
 
 // Takes one more reference to a reference-counted GLib object.
 inline g_ptr<GDateTime> ref(GDateTime* p) { return g_ptr<GDateTime>(p ? g_date_time_ref(p) : nullptr); }
+inline g_ptr<GVariant> ref(GVariant* p) { return g_ptr<GVariant>(p ? g_variant_ref(p) : nullptr); }
 inline g_ptr<GDBusConnection> ref(GDBusConnection* p)
 {
     return g_ptr<GDBusConnection>(p ? G_DBUS_CONNECTION(g_object_ref(p)) : nullptr);

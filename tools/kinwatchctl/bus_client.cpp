@@ -65,11 +65,21 @@ std::optional<std::vector<node_entry>> bus_client::nodes(node_list which, bus_fa
     return node_entry::list_from(reply.get());
 }
 
-std::optional<bus_client::snapshot> bus_client::monitor_nodes(bus_failure& failure)
+void bus_client::monitor_nodes_begin(GCancellable* cancellable, GAsyncReadyCallback callback, gpointer user_data)
 {
-    auto reply = call(monitor_interface_name, "GetNodes", nullptr, G_VARIANT_TYPE("(taa{sv}aa{sv})"), failure);
-    if (!reply)
+    g_dbus_connection_call(m_connection.get(), bus_name, object_path, monitor_interface_name, "GetNodes", nullptr,
+                           G_VARIANT_TYPE("(taa{sv}aa{sv})"), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, cancellable,
+                           callback, user_data);
+}
+
+std::optional<bus_client::snapshot> bus_client::monitor_nodes_finish(GAsyncResult* result, bus_failure& failure)
+{
+    error_out error;
+    auto reply = adopt(g_dbus_connection_call_finish(m_connection.get(), result, error.out()));
+    if (!reply) {
+        failure = bus_failure::from(error.get());
         return std::nullopt;
+    }
     snapshot taken;
     g_variant_get_child(reply.get(), 0, "t", &taken.generation);
     for (auto [index, list] : {std::pair {1, &taken.known}, {2, &taken.lost}}) {

@@ -15,7 +15,8 @@
 namespace kw::ctl {
 
 // The tool's connection to the bus and the calls it makes to the service's
-// object. Every call is synchronous; a failure comes back classified.
+// object. Every call but the watch's read of the lists is synchronous; a
+// failure comes back classified.
 class bus_client {
 public:
     static constexpr const char* bus_name = "com.tavix.Kinwatch";
@@ -45,8 +46,11 @@ public:
     bool set(const char* property, GVariant* value, bus_failure& failure);
     // GetKnownNodes or GetLostNodes, sorted by hardware address.
     std::optional<std::vector<node_entry>> nodes(node_list which, bus_failure& failure);
-    // GetNodes of the monitor interface.
-    std::optional<snapshot> monitor_nodes(bus_failure& failure);
+    // GetNodes of the monitor interface, without waiting for the reply: the
+    // callback runs from the main loop (also once cancelled), and takes the
+    // lists with monitor_nodes_finish.
+    void monitor_nodes_begin(GCancellable* cancellable, GAsyncReadyCallback callback, gpointer user_data);
+    std::optional<snapshot> monitor_nodes_finish(GAsyncResult* result, bus_failure& failure);
 
     GDBusConnection* connection() const { return m_connection.get(); }
 

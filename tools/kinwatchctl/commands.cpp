@@ -160,7 +160,12 @@ int commands::stats(bool json)
     std::string text;
     while (g_variant_iter_next(&iter, "{&st}", &name, &value)) {
         if (json) {
-            text += (text.empty() ? "{" : ",") + node_format::json_string(name) + ":" + std::to_string(value);
+            // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) on
+            // a literal added to a std::string in an optimised build.
+            text += text.empty() ? '{' : ',';
+            text += node_format::json_string(name);
+            text += ':';
+            text += std::to_string(value);
         } else {
             std::ostringstream line;
             line << std::left << std::setw(26) << (std::string(name) + ":") << value << '\n';

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kw::ctl {
 
@@ -15,7 +17,9 @@ namespace kw::ctl {
 // every change, until SIGINT or SIGTERM, until it has printed the limit of
 // changes, or until the bus goes away. It fetches both lists once at the start
 // and again only when it missed changes: a gap in the generations, or the
-// service's name gaining an owner (a restarted service counts anew).
+// service's name gaining an owner (a restarted service counts anew). It never
+// blocks on the service: the lists are read without waiting, so an interrupt
+// ends it at once whatever it is waiting for.
 class watch_loop {
 public:
     // limit 0: no limit.
@@ -36,11 +40,15 @@ private:
                                  const gchar* interface, const gchar* member, GVariant* parameters, gpointer self);
     static void on_closed(GDBusConnection* connection, gboolean remote_peer_vanished, GError* error, gpointer self);
     static gboolean on_signal(gpointer self);
+    static void on_lists(GObject* source, GAsyncResult* result, gpointer self);
 
-    void node_signal(const char* member, GVariant* parameters);
-    // Fetches both lists and tells what changed since the mirror; false, the
-    // failure told once, when the service does not answer.
-    bool resynchronise();
+    void node_signal(const std::string& member, GVariant* parameters);
+    // Asks for both lists, unless a read is on its way or the watch ends.
+    void read_lists();
+    // Tells what changed since the mirror (nothing for the first read, which
+    // is the baseline), then the signals that came meanwhile. A failure is
+    // told once; a failed first read ends the watch.
+    void lists_read(GAsyncResult* result);
     // Tells a failure, unless it is the one told last.
     void report_once(const bus_failure& failure);
     void tell(const node_watch::change& change, std::uint64_t generation, const bool* reported = nullptr);
@@ -56,6 +64,14 @@ private:
     // The generation of the mirror; meaningful only while synced.
     std::uint64_t m_generation = 0;
     bool m_synced = false;
+    bool m_baseline = false;
+    // A read of the lists on its way, and the signals that came meanwhile:
+    // the lists may or may not hold their changes, which their generations
+    // tell once the lists are in.
+    bool m_reading = false;
+    bool m_read_again = false;
+    std::vector<std::pair<std::string, g_ptr<GVariant>>> m_held;
+    g_ptr<GCancellable> m_cancellable = adopt(g_cancellable_new());
     g_ptr<GMainLoop> m_loop;
     guint m_node_subscription = 0;
     guint m_owner_subscription = 0;
