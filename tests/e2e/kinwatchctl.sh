@@ -12,9 +12,10 @@ wait_for 20 eval 'knows 1 "$(mac 2) $(mac 3) " && knows 2 "$(mac 1) $(mac 3) "' 
 
 echo "--- signals: camera 3 leaves, joins again and is killed"
 for n in 1 2; do # as commands, not through ctl, so that $! is theirs to end
-  timeout -k 30 150 "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err" & eval "signals$n=\$!"
+  spawn "$ctl_binary" --address "$(lab address "$n")" watch --json >"$state/signals$n" 2>"$state/signals$n.err"
+  eval "signals$n=\$!"
 done
-dbus-monitor --address "$(lab address 1)" "type='method_call'" >"$state/calls" 2>/dev/null &
+spawn dbus-monitor --address "$(lab address 1)" "type='method_call'" >"$state/calls" 2>/dev/null
 monitor=$!
 # Each watch says when it has subscribed and read the lists.
 watching() { local f; for f; do wait_for 20 grep -qs '^kinwatchctl: watching' "$f" || fail "no watch began: $f"; done; }
@@ -33,13 +34,21 @@ wait "$limited"
 check equals "$?" 0
 check equals "$(grep -v '^kinwatchctl: watching' "$state/limited")" "joined $(mac 3) 10.78.0.3 fd78::3
 lost $(mac 3) 10.78.0.3 fd78::3"
-kill "$monitor"
+end "$monitor"
 check equals "$(grep -cE 'member=Get(Known|Lost)Nodes' "$state/calls")" 0
 check grep -q 'member=GetNodes' "$state/calls"
 seen 2 3
+# A watch ends at once on its interrupt, whatever it is doing: here it
+# waits for signals; below, for a service that does not answer.
+ended() { # <pid> <signal> <what>
+  local from=${EPOCHREALTIME/./} status=0
+  end "$1" "$2" || fail "$3 still ran 5 s after its SIG$2"
+  wait "$1" || status=$?
+  echo "$3 ended with status $status $(((${EPOCHREALTIME/./} - from) / 1000)) ms after its SIG$2"
+  ((status == 0)) || fail "$3 ended with status $status: $(cat "$state/$4")"
+}
 for n in 1 2; do
-  kill -TERM "$(eval echo "\$signals$n")"
-  wait "$(eval echo "\$signals$n")" || fail "camera $n's watch ended with status $?: $(cat "$state/signals$n.err")"
+  ended "$(eval echo "\$signals$n")" TERM "camera $n's watch" "signals$n.err"
   # One change each, generations one apart, the loss reported by camera 1 alone.
   check equals "$(sed -E 's/"generation":[0-9]+,//; s/,"first_seen".*"reported"/,"reported"/; s/,"first_seen".*\}/}/' "$state/signals$n")" \
 "{\"change\":\"left\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\"}
@@ -47,6 +56,22 @@ for n in 1 2; do
 {\"change\":\"lost\",\"mac\":\"$(mac 3)\",\"ipv4\":\"10.78.0.3\",\"ipv6\":\"fd78::3\",\"reported\":$([[ $n == 1 ]] && echo true || echo false)}"
   check awk -F'"generation":' 'NR > 1 && $2 + 0 != last + 1 { exit 1 } { last = $2 + 0 }' "$state/signals$n"
 done
+
+echo "--- a watch whose service does not answer its first read"
+spawn dbus-monitor --address "$(lab address 2)" "type='method_call',member='GetNodes'" >"$state/reads" 2>/dev/null
+reader=$!
+sleep 1 # dbus-monitor's own subscription
+read -r service _ <"$state/c2/kinwatch.pid"
+kill -STOP "$service"
+for signal in INT TERM; do
+  reads=$(grep -c 'member=GetNodes' "$state/reads")
+  spawn "$ctl_binary" --address "$(lab address 2)" watch >"$state/stuck" 2>&1
+  watcher=$!
+  wait_for 20 eval '(($(grep -c member=GetNodes "$state/reads") > reads))' || fail "the watch asked for no lists"
+  ended "$watcher" "$signal" "a watch of a stopped service" stuck
+done
+kill -CONT "$service"
+end "$reader"
 
 echo "--- every command in every state of camera 1"
 # Each row: state, command, exit status, the output (stdout and stderr) as
@@ -116,14 +141,21 @@ for row in "${rows[@]}"; do
   IFS='|' read -r when command status _ <<<"${row%%$'\n'*}"
   pattern=${row#*|*|*|}
   [[ $when == "$current" ]] || { enter "$when"; current=$when; sleep 1; }
-  # A watch runs until interrupted: it is ended with SIGTERM, its clean end.
+  # A watch runs until interrupted: once it has begun (or ended on its own),
+  # it is ended with SIGTERM, its clean end.
   if [[ $command == watch ]]; then
-    out=$(timeout -k 30 --preserve-status 2 "$ctl_binary" --address "$(lab address 1)" watch 2>&1)
+    spawn "$ctl_binary" --address "$(lab address 1)" watch >"$state/row" 2>&1
+    pid=$!
+    wait_for 20 eval '! alive $pid || grep -q "^kinwatchctl: watching" "$state/row"'
+    end "$pid" || fail "$when: kinwatchctl watch still ran 5 s after its SIGTERM"
+    wait "$pid"
+    got=$?
+    out=$(cat "$state/row")
   else
     # shellcheck disable=SC2086 # the command's words
     out=$(ctl 1 $command 2>&1)
+    got=$?
   fi
-  got=$?
   equals "$got" "$status" && matches "$out" "$pattern" || fail "$when: kinwatchctl $command"
 done
 

@@ -3,6 +3,7 @@
 
 #include "platform/g_ptr.hpp"
 #include "tests/support/netns.hpp"
+#include "tests/support/process.hpp"
 #include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
@@ -116,8 +117,7 @@ TEST(kinwatch, runs_its_main_loop_until_terminated)
     // No bus in its namespace: one warning, and the monitor runs all the same.
     for (int tries = 0; tries < 1000 && !dir.read("err").value_or("").ends_with("retrying\n"); ++tries)
         g_usleep(10'000);
-    g_subprocess_send_signal(process.get(), SIGTERM);
-    g_subprocess_wait(process.get(), nullptr, nullptr);
+    test::end_process(process.get());
     std::string errors = *dir.read("err");
     EXPECT_EQ(std::ranges::count(errors, '\n'), 2) << errors;
     EXPECT_TRUE(errors.ends_with(": Failed to connect to the system bus: Could not connect: No such file or directory; "

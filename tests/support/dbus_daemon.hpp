@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/g_ptr.hpp"
+#include "tests/support/process.hpp"
 
 #include <gtest/gtest.h>
 
@@ -66,10 +67,7 @@ private:
     }
     void stop(int signal)
     {
-        if (m_process) {
-            g_subprocess_send_signal(m_process.get(), signal);
-            g_subprocess_wait(m_process.get(), nullptr, nullptr);
-        }
+        end_process(m_process.get(), signal);
     }
 
     g_ptr<GSubprocess> m_process;
