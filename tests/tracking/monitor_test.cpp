@@ -145,10 +145,18 @@ std::string heard(probe& listener, int count)
         if (!m)
             return out + "nothing";
         auto own = m->get_type() == ANNOUNCE ? monitor_message_type::create(m->copy()) : nullptr;
-        out += std::string(1, "ADL"[m->get_type() % 3]) + " " + std::to_string(m->get_group()) +
-               (i < 2 ? "" : "/" + std::to_string(d->ttl)) + " " + std::to_string(m->get_node_id()) +
-               (m->get_type() == DISPATCHED ? " of " + std::to_string(m->get_dispatched_node_id()) : "") +
-               (own ? " at " + own->get_ipv4_string() + " " + own->get_ipv6_string() : "") + ", ";
+        // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) on a
+        // literal added to a std::string in an optimised build.
+        out += "ADL"[m->get_type() % 3];
+        out.append(" ").append(std::to_string(m->get_group()));
+        if (i >= 2)
+            out.append("/").append(std::to_string(d->ttl));
+        out.append(" ").append(std::to_string(m->get_node_id()));
+        if (m->get_type() == DISPATCHED)
+            out.append(" of ").append(std::to_string(m->get_dispatched_node_id()));
+        if (own)
+            out.append(" at ").append(own->get_ipv4_string()).append(" ").append(own->get_ipv6_string());
+        out += ", ";
     }
     return out;
 }
