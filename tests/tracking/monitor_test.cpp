@@ -144,7 +144,7 @@ std::string heard(probe& listener, int count)
         auto m = d ? peer_message::decode(d->bytes.data(), ssize_t(d->bytes.size())) : nullptr;
         if (!m)
             return out + "nothing";
-        auto own = m->get_type() == ANNOUNCE ? monitor_message_type::create(m->copy()) : nullptr;
+        auto own = monitor_message_type::create(*m);
         out += std::string(1, "ADL"[m->get_type() % 3]) + " " + std::to_string(m->get_group()) +
                (i < 2 ? "" : "/" + std::to_string(d->ttl)) + " " + std::to_string(m->get_node_id()) +
                (m->get_type() == DISPATCHED ? " of " + std::to_string(m->get_dispatched_node_id()) : "") +
@@ -342,7 +342,7 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
             flush();
     engine.process_tick();
     EXPECT_EQ(engine.get_known_nodes().size() + engine.get_lost_nodes().size(), 1u);
-    EXPECT_EQ(engine.get_known_nodes().at(0)->get_ipv4_string(), "10.77.0.2");
+    EXPECT_EQ(engine.get_known_nodes().at(0).get_ipv4_string(), "10.77.0.2");
     const std::string from = ", last from 10.77.0.2";
     EXPECT_EQ(m_log.warnings(), (std::vector<std::string> {"Refused 301 datagrams without a trailer" + from,
               "Refused 1 datagrams signed with an unknown key" + from, "Refused 2 datagrams with a bad MAC" + from,
@@ -394,7 +394,7 @@ TEST_F(monitor_test, keyed_cameras_know_only_those_that_share_a_key)
     for (auto& c : cams) {
         c.engine()->process_tick();
         for (const auto& record : c.engine()->get_known_nodes())
-            known += std::to_string(record->get_message().get_node_id());
+            known += std::to_string(record.get_node_id());
         known += ";";
     }
     EXPECT_EQ(known, "2;1;;;");
@@ -481,7 +481,7 @@ TEST_F(monitor_test, max_hosts_bounds_both_tables)
     monitor& engine = start(cam);
     engine.changes().set_listener([&] {
         for (const node_change& c : engine.changes().take(100))
-            mirror[c.node->get_message().get_node_id()] = c.kind == node_change::joined ? "known" : c.kind == node_change::lost ? "lost" : "none";
+            mirror[c.node.get_node_id()] = c.kind == node_change::joined ? "known" : c.kind == node_change::lost ? "lost" : "none";
     });
     cam.inject_announce(0x61);
     cam.inject_announce(0x62);
