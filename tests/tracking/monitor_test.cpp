@@ -62,12 +62,15 @@ TEST_F(monitor_test, a_sibling_is_learnt_refreshed_dispatched_brought_back_and_l
     cam.inject_announce(0x42);
     engine.process_tick();
     cam.advance_us(10 * second);
-    cam.inject_announce(0x42);
+    cam.inject_announce(0x42, "10.77.0.10", "fd77::10"); // a refresh takes the new addresses
     engine.process_tick();
     EXPECT_EQ(m_log.messages(G_LOG_LEVEL_MESSAGE), std::vector<std::string> {"event Velmora/Kinwatch/SiblingConnected: "
               "serialnumber=00:00:00:00:00:42 ipv4address=10.77.0.9 ipv6address=fd77::9"});
     EXPECT_TRUE(m_log.contains(G_LOG_LEVEL_DEBUG, "ANNOUNCE: 000000000066, First seen: 2026-11-22 12:00:00, "
                                                   "Last seen: 2026-11-22 12:00:10"));
+    const monitor_message_type known = engine.get_known_nodes().at(0);
+    EXPECT_EQ(known.get_ipv4_string() + " " + known.get_ipv6_string() + " " +
+                  std::to_string(known.get_last_seen() - known.get_first_seen()), "10.77.0.10 fd77::10 10");
     // The sender of a DISPATCHED reports the loss; a second one finds nothing.
     cam.inject(peer_message::dispatched_new(0x10, 0x42, lab_group));
     cam.inject(peer_message::dispatched_new(0x10, 0x42, lab_group));
