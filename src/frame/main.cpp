@@ -31,8 +31,9 @@ int main(int argc, char** argv)
     // One malloc arena for every thread. With an arena per thread, the
     // messages a receiving thread made and the main thread freed stayed in
     // the receiver's arena, and each arena kept its own free memory and
-    // pages. The threads allocate little and seldom at once, so the shared
-    // lock costs nothing measurable (bench/receive_bench).
+    // pages. The threads allocate little and seldom at once: in
+    // bench/receive_bench the shared lock made no difference beyond the
+    // noise between runs.
     mallopt(M_ARENA_MAX, 1);
     kw::service service;
     return service.run(argc, argv);
