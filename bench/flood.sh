@@ -2,11 +2,12 @@
 # A flood at one lab camera: COUNT ANNOUNCEs of its group with random node
 # ids and COUNT junk datagrams, over IPv4 and IPv6, in SECONDS, sent from a
 # second camera's namespace (its kinwatch stopped). Prints camera 1's
-# resident size, threads and descriptors before, right after and a while
-# after the flood, its node counts, whether its bus still answers, and its
-# warnings. Needs root; builds nothing. The lab is named $KW_LAB_NAME (default
-# flood); with KW_BENCH_BRIEF=1 (the test suite's check that it still runs)
-# it waits 1 s instead of 12 before and after the flood.
+# resident size, private (dirty) memory, threads and descriptors before,
+# right after and a while after the flood, its node counts, whether its bus
+# still answers, and its warnings. Needs root; builds nothing. The lab is
+# named $KW_LAB_NAME (default flood); with KW_BENCH_BRIEF=1 (the test
+# suite's check that it still runs) it waits 1 s instead of 12 before and
+# after the flood.
 #   bench/flood.sh [--binary PATH] [COUNT] [SECONDS]
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -25,8 +26,9 @@ lab stop 2
 sleep "$wait" # a couple of ticks: camera 1 settles
 read -r pid _ <"/tmp/kinwatch-lab-$name/c1/kinwatch.pid"
 figures() {
-  printf '%-12s rss %6s kB  threads %3s  descriptors %3s  known %3s  lost %3s\n' "$1" \
-    "$(awk '/VmRSS/ {print $2}' /proc/$pid/status)" "$(ls /proc/$pid/task | wc -l)" \
+  printf '%-12s rss %6s kB  private %6s kB  threads %3s  descriptors %3s  known %3s  lost %3s\n' "$1" \
+    "$(awk '/VmRSS/ {print $2}' /proc/$pid/status)" "$(awk '$1 == "Private_Dirty:" {print $2}' /proc/$pid/smaps_rollup)" \
+    "$(ls /proc/$pid/task | wc -l)" \
     "$(ls /proc/$pid/fd | wc -l)" "$(lab nodes 1 | wc -l)" "$(lab nodes 1 --lost | wc -l)"
   echo "             threads: $(sort /proc/$pid/task/*/comm | uniq -c | tr -s ' \n' ' ')"
 }

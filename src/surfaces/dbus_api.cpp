@@ -48,9 +48,9 @@ bool check_target(const char* path, const char* interface, GError** error)
 
 // Unix seconds of a local date-time. The conversion goes through the
 // instant, so the camera's time zone does not enter into it.
-guint64 unix_seconds(GDateTime* time)
+guint64 unix_seconds(gint64 seconds)
 {
-    return time ? static_cast<guint64>(g_date_time_to_unix(time)) : 0;
+    return static_cast<guint64>(seconds);
 }
 
 } // namespace
@@ -329,11 +329,11 @@ void dbus_api::handle_method_call(const char* path, const char* interface, const
     // An empty builder of a definite type ends as an empty array of it.
     g_ptr<GVariantBuilder> builder = adopt(g_variant_builder_new(G_VARIANT_TYPE(node_list_type)));
     for (const auto& record : nodes) {
-        std::string mac = record->get_mac_string();
-        std::string ipv4 = record->get_ipv4_string();
-        std::string ipv6 = record->get_ipv6_string();
+        std::string mac = record.get_mac_string();
+        std::string ipv4 = record.get_ipv4_string();
+        std::string ipv6 = record.get_ipv6_string();
         g_variant_builder_add(builder.get(), "(ssstt)", mac.c_str(), ipv4.c_str(), ipv6.c_str(),
-                              unix_seconds(record->get_first_seen()), unix_seconds(record->get_last_seen()));
+                              unix_seconds(record.get_first_seen()), unix_seconds(record.get_last_seen()));
     }
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(a(ssstt))", builder.get()));
 }

@@ -28,9 +28,9 @@ constexpr const char* introspection_xml =
     "  </interface>"
     "</node>";
 
-guint64 unix_seconds(GDateTime* time)
+guint64 unix_seconds(gint64 seconds)
 {
-    return time ? static_cast<guint64>(g_date_time_to_unix(time)) : 0;
+    return static_cast<guint64>(seconds);
 }
 
 // The node as a dictionary: the node lists' five fields by name, and for a
@@ -54,7 +54,7 @@ GVariant* node_array(const monitor::node_list& nodes)
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
     for (const auto& node : nodes)
-        g_variant_builder_add_value(&builder, node_dictionary(*node));
+        g_variant_builder_add_value(&builder, node_dictionary(node));
     return g_variant_builder_end(&builder);
 }
 
@@ -126,7 +126,7 @@ void monitor_bus::emit_waiting()
         g_dbus_connection_emit_signal(m_connection.get(), nullptr, m_object_path.c_str(), interface_name,
                                       names[change.kind],
                                       g_variant_new("(t@a{sv})", change.generation,
-                                                    node_dictionary(*change.node, reported)),
+                                                    node_dictionary(change.node, reported)),
                                       nullptr);
     }
     // A stopped monitor has no tick to tell the rest: keep its pace here.

@@ -51,7 +51,7 @@ struct monitor_environment {
 // the receive queue is the one thing it shares with the network threads.
 class monitor {
 public:
-    using node_list = std::vector<std::unique_ptr<monitor_message_type>>;
+    using node_list = std::vector<monitor_message_type>;
 
     static constexpr guint process_period_seconds = 5;
     static constexpr guint announce_period_seconds = 55;
@@ -148,7 +148,7 @@ private:
     // Every node of both tables has left them, before they are dropped.
     void record_all_left();
     void drop_queued();
-    void process_announce(std::unique_ptr<peer_message> message);
+    void process_announce(const peer_message& message);
     void process_dispatched(const peer_message& message);
     void process_leave(const peer_message& message);
     void expire_silent_nodes();

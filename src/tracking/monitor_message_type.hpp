@@ -1,48 +1,44 @@
 #pragma once
 
-#include "platform/g_ptr.hpp"
 #include "src/peer/peer_message.hpp"
 #include "src/tracking/local_clock.hpp"
 
+#include <netinet/in.h>
+
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 
 namespace kw {
 
-// The record of one sibling node: its latest ANNOUNCE, when it was first and
-// last seen, when it was last heard on the monotonic clock, and whether it
-// has been marked silent. The record owns its message and one reference to
-// each of its two date-times (which may be the same object).
+// The record of one sibling node: its id and the addresses of its latest
+// ANNOUNCE, when it was first and last seen on the wall clock, when it was
+// last heard on the monotonic clock, and whether it has been marked silent.
+//
+// A plain value of 56 bytes that the tables hold in place, with no object
+// of its own behind it: a group of a thousand siblings costs a thousand of
+// these and their table entries, and refreshing a record allocates nothing.
+// A copy is a full, independent record.
 class monitor_message_type {
 public:
-    // Takes over an ANNOUNCE message. First seen and last seen are one
-    // date-time from the clock, held twice; last heard is the monotonic
-    // clock's reading; the stale mark is 0. Gives nullptr when there is no
-    // message or the clock gives no time.
-    static std::unique_ptr<monitor_message_type> create(std::unique_ptr<peer_message> message,
-                                                        const local_clock& clock = system_local_now,
-                                                        const monotonic_clock& monotonic = system_monotonic_now);
+    // The record of the ANNOUNCE's sender with its addresses. First seen and
+    // last seen are the clock's time, last heard the monotonic clock's
+    // reading, the stale mark 0. Nothing when the message is no ANNOUNCE or
+    // the clock gives no time.
+    static std::optional<monitor_message_type> create(const peer_message& message,
+                                                      const local_clock& clock = system_local_now,
+                                                      const monotonic_clock& monotonic = system_monotonic_now);
 
-    monitor_message_type(const monitor_message_type&) = delete;
-    monitor_message_type& operator=(const monitor_message_type&) = delete;
-    ~monitor_message_type() = default;
+    node_id get_node_id() const { return m_node_id; }
+    void get_ipv4(in_addr& out) const { out = m_ipv4; }
+    void get_ipv6(in6_addr& out) const { out = m_ipv6; }
 
-    // A record over a copy of the message that shares this record's
-    // date-times (one more reference each) and its last heard; its stale
-    // mark is 0.
-    std::unique_ptr<monitor_message_type> copy() const;
-
-    const peer_message& get_message() const { return *m_message; }
-
-    // The record keeps its reference; the caller takes one if it keeps the time.
-    GDateTime* get_first_seen() const { return m_first_seen.get(); }
-    GDateTime* get_last_seen() const { return m_last_seen.get(); }
-
-    // The caller's reference passes to the record; a null time is ignored,
-    // since a record always holds both times.
-    void set_first_seen(g_ptr<GDateTime> time);
-    void set_last_seen(g_ptr<GDateTime> time);
+    // Seconds since the epoch, as the bus shows them; the log shows them in
+    // the local time zone.
+    gint64 get_first_seen() const { return m_first_seen; }
+    gint64 get_last_seen() const { return m_last_seen; }
+    void set_first_seen(gint64 unix_seconds) { m_first_seen = unix_seconds; }
+    void set_last_seen(gint64 unix_seconds) { m_last_seen = unix_seconds; }
 
     std::string get_ipv4_string() const;
     std::string get_ipv6_string() const;
@@ -57,17 +53,15 @@ public:
     // One debug line with the node id and both times.
     void print() const;
 
-    struct private_tag {
-        explicit private_tag() = default;
-    };
-    monitor_message_type(private_tag, std::unique_ptr<peer_message> message, g_ptr<GDateTime> first_seen,
-                         g_ptr<GDateTime> last_seen, gint64 last_heard_us);
-
 private:
-    std::unique_ptr<peer_message> m_message;
-    g_ptr<GDateTime> m_first_seen;
-    g_ptr<GDateTime> m_last_seen;
-    gint64 m_last_heard_us;
+    monitor_message_type() = default;
+
+    node_id m_node_id = 0;
+    gint64 m_first_seen = 0;
+    gint64 m_last_seen = 0;
+    gint64 m_last_heard_us = 0;
+    in6_addr m_ipv6 {};
+    in_addr m_ipv4 {};
     std::int32_t m_stale = 0;
 };
 

@@ -66,7 +66,7 @@ bool monitor::process_tick()
             continue;
         switch (message->get_type()) {
         case ANNOUNCE:
-            process_announce(std::move(message));
+            process_announce(*message);
             break;
         case DISPATCHED:
             process_dispatched(*message);
@@ -117,44 +117,40 @@ void monitor::drop_queued()
         m_receive_queue->pop();
 }
 
-void monitor::process_announce(std::unique_ptr<peer_message> message)
+void monitor::process_announce(const peer_message& message)
 {
-    message->print();
-    node_id id = message->get_node_id();
+    message.print();
+    node_id id = message.get_node_id();
     const bool was_lost = m_lost_nodes->lookup(id);
     m_lost_nodes->remove(id);
 
-    monitor_message_type* old = nullptr;
-    if (m_known_nodes->lookup(id, &old)) {
-        // A refresh is a new record that keeps the old first-seen time.
-        g_ptr<GDateTime> first_seen = ref(old->get_first_seen());
-        m_known_nodes->remove(id);
-        auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
-        if (!record)
-            return;
-        record->set_first_seen(std::move(first_seen));
-        monitor_message_type* stored = record.get();
-        if (m_known_nodes->insert(id, record))
-            stored->print();
+    std::optional<monitor_message_type> record =
+        monitor_message_type::create(message, m_environment.clock, m_environment.monotonic);
+    if (!record)
+        return;
+    monitor_message_type* stored = nullptr;
+    if (m_known_nodes->lookup(id, &stored)) {
+        // A refresh keeps the first-seen time and takes the rest from the
+        // newest ANNOUNCE, in place: a sibling's announcements allocate
+        // nothing once it is known.
+        record->set_first_seen(stored->get_first_seen());
+        *stored = *record;
+        stored->print();
         return;
     }
 
-    auto record = monitor_message_type::create(std::move(message), m_environment.clock, m_environment.monotonic);
-    if (!record)
-        return;
-    monitor_message_type* stored = record.get();
     // A node the full table cannot record raises no SiblingConnected: it
     // would otherwise be reported again at each of its announcements. One
     // that came back from the lost table is now in neither.
-    if (!m_known_nodes->insert(id, record)) {
+    if (!m_known_nodes->insert(id, *record)) {
         if (was_lost)
-            m_changes.record(node_change::left, *stored);
+            m_changes.record(node_change::left, *record);
         return;
     }
-    stored->print();
-    m_events->send_connected(*stored);
+    record->print();
+    m_events->send_connected(*record);
     peer_statistics::add(m_statistics.events_connected);
-    m_changes.record(node_change::joined, *stored);
+    m_changes.record(node_change::joined, *record);
     ask_answer();
 }
 
@@ -163,25 +159,23 @@ void monitor::process_dispatched(const peer_message& message)
     message.print();
     if (message.get_dispatched_node_id() == m_own_node_id)
         ask_answer(); // declared lost while alive
-    std::unique_ptr<monitor_message_type> record = m_known_nodes->steal(message.get_dispatched_node_id());
+    std::optional<monitor_message_type> record = m_known_nodes->steal(message.get_dispatched_node_id());
     if (!record) {
         g_warning("Failed to extract message from known nodes table");
         return;
     }
     // The sender of the DISPATCHED has raised SiblingDisconnected already.
-    // A refused record stays ours, a stored one lives on in the table.
-    const monitor_message_type* moved = record.get();
-    bool stored = m_lost_nodes->insert(message.get_dispatched_node_id(), record);
+    bool stored = m_lost_nodes->insert(message.get_dispatched_node_id(), *record);
     if (!stored)
         g_warning("Couldn't move message to lost nodes, table is full");
-    m_changes.record(stored ? node_change::lost : node_change::left, *moved);
+    m_changes.record(stored ? node_change::lost : node_change::left, *record);
 }
 
 void monitor::process_leave(const peer_message& message)
 {
     message.print();
     for (monitor_table* table : {m_known_nodes.get(), m_lost_nodes.get()})
-        if (std::unique_ptr<monitor_message_type> gone = table->steal(message.get_node_id()))
+        if (std::optional<monitor_message_type> gone = table->steal(message.get_node_id()))
             m_changes.record(node_change::left, *gone);
 }
 
@@ -196,7 +190,7 @@ void monitor::expire_silent_nodes()
     const gint64 now = m_environment.monotonic();
     std::size_t live_below = 0;
     std::vector<node_id> silent = m_known_nodes->filter_ids([&](const monitor_message_type& record) {
-        if (!record.is_stale() && record.get_message().get_node_id() < m_own_node_id)
+        if (!record.is_stale() && record.get_node_id() < m_own_node_id)
             ++live_below;
         return now - record.get_last_heard() > silence_limit_us;
     });
@@ -216,10 +210,10 @@ void monitor::expire_silent_nodes()
         m_events->send_disconnected(*record);
         peer_statistics::add(m_statistics.events_disconnected);
         m_changes.record(node_change::lost, *record, true);
-        std::unique_ptr<monitor_message_type> lost = m_known_nodes->steal(id);
+        std::optional<monitor_message_type> lost = m_known_nodes->steal(id);
         // A full lost table drops the record silently; a mirror of the
         // tables drops it too.
-        if (!m_lost_nodes->insert(id, lost))
+        if (!m_lost_nodes->insert(id, *lost))
             m_changes.record(node_change::left, *lost);
         broadcast(peer_message::dispatched_new(m_own_node_id, id, m_settings.get_group()));
     }

@@ -18,12 +18,9 @@ std::int32_t monitor_table::get_size() const
     return static_cast<std::int32_t>(m_nodes.size());
 }
 
-bool monitor_table::insert(node_id id, std::unique_ptr<monitor_message_type>& record)
+bool monitor_table::insert(node_id id, const monitor_message_type& record)
 {
-    if (!record)
-        return false;
-
-    monitor_message_type* stored = record.get();
+    monitor_message_type* stored = nullptr;
     bool replaced = false;
     {
         std::lock_guard lock(m_node_mutex);
@@ -31,29 +28,28 @@ bool monitor_table::insert(node_id id, std::unique_ptr<monitor_message_type>& re
         // negative one refuses everything, as 0 does.
         if (static_cast<std::int64_t>(m_nodes.size()) >= m_max_size)
             return false;
-        auto [entry, added] = m_nodes.try_emplace(id);
+        auto [entry, added] = m_nodes.insert_or_assign(id, record);
         replaced = !added;
-        entry->second = std::move(record);
+        stored = &entry->second;
     }
     notify(replaced ? MONITOR_TABLE_REPLACED : MONITOR_TABLE_ADDED, *stored);
     return true;
 }
 
-std::unique_ptr<monitor_message_type> monitor_table::steal(node_id id)
+std::optional<monitor_message_type> monitor_table::steal(node_id id)
 {
     std::lock_guard lock(m_node_mutex);
     auto entry = m_nodes.find(id);
     if (entry == m_nodes.end())
-        return nullptr;
-    std::unique_ptr<monitor_message_type> record = std::move(entry->second);
+        return std::nullopt;
+    monitor_message_type record = entry->second;
     m_nodes.erase(entry);
     return record;
 }
 
 void monitor_table::remove(node_id id)
 {
-    std::unique_ptr<monitor_message_type> record = steal(id);
-    if (record)
+    if (std::optional<monitor_message_type> record = steal(id))
         notify(MONITOR_TABLE_REMOVED, *record);
 }
 
@@ -64,7 +60,7 @@ bool monitor_table::lookup(node_id id, monitor_message_type** out)
         std::lock_guard lock(m_node_mutex);
         auto entry = m_nodes.find(id);
         if (entry != m_nodes.end())
-            found = entry->second.get();
+            found = &entry->second;
     }
     if (out)
         *out = found;
@@ -76,7 +72,7 @@ std::vector<node_id> monitor_table::filter_ids(const predicate& accept) const
     std::vector<node_id> ids;
     std::lock_guard lock(m_node_mutex);
     for (const auto& [id, record] : m_nodes)
-        if (accept(*record))
+        if (accept(record))
             ids.push_back(id);
     return ids;
 }
@@ -85,7 +81,7 @@ void monitor_table::foreach(const walk_function& function)
 {
     std::lock_guard lock(m_node_mutex);
     for (auto& [id, record] : m_nodes)
-        function(*record);
+        function(record);
 }
 
 int monitor_table::add_observer(observer_function function, void* user_data)

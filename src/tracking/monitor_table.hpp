@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -19,10 +20,13 @@ enum monitor_table_event : int {
     MONITOR_TABLE_REMOVED = 2,
 };
 
-// A bounded map from node id to node record, with change observers. Every
-// operation takes the table's own locks, which are recursive: a predicate, a
-// walk function or an observer may call back into the same table on the same
-// thread. The node lock and the observer lock are never held together.
+// A bounded map from node id to node record, with change observers. The
+// records are held in place, one allocation per entry (the record and its
+// key), and stay where they are until they leave: a pointer from lookup()
+// is valid while the entry stays. Every operation takes the table's own
+// locks, which are recursive: a predicate, a walk function or an observer may
+// call back into the same table on the same thread. The node lock and the
+// observer lock are never held together.
 class monitor_table {
 public:
     using observer_function = void (*)(int observer_id, monitor_table_event event, monitor_message_type& record,
@@ -40,20 +44,20 @@ public:
     std::int32_t get_max_size() const { return m_max_size; }
     std::int32_t get_size() const;
 
-    // Stores the record under the id, replacing (and destroying) any record
-    // there, then tells the observers ADDED or REPLACED. A full table refuses
-    // with false, also for an id already present; the record then stays with
-    // the caller. On success the caller's pointer is emptied.
-    bool insert(node_id id, std::unique_ptr<monitor_message_type>& record);
+    // Stores a copy of the record under the id, replacing any record there,
+    // then tells the observers ADDED or REPLACED with the stored record. A
+    // full table refuses with false, also for an id already present.
+    bool insert(node_id id, const monitor_message_type& record);
 
-    // Takes the record out without destroying it and without notification.
-    std::unique_ptr<monitor_message_type> steal(node_id id);
+    // Takes the record out without notification.
+    std::optional<monitor_message_type> steal(node_id id);
 
     // Tells the observers REMOVED with the record, then destroys it. A missing
     // id notifies nobody.
     void remove(node_id id);
 
-    // The table's own record (not a copy) goes to out, or nullptr.
+    // The table's own record (not a copy) goes to out, or nullptr. It may be
+    // changed in place.
     bool lookup(node_id id, monitor_message_type** out = nullptr);
 
     // The ids of the records the predicate accepts, in no defined order. The
@@ -83,7 +87,7 @@ private:
 
     mutable std::recursive_mutex m_node_mutex; // guards m_nodes
     mutable std::recursive_mutex m_observer_mutex; // guards m_observers and m_next_observer_id
-    std::unordered_map<node_id, std::unique_ptr<monitor_message_type>> m_nodes;
+    std::unordered_map<node_id, monitor_message_type> m_nodes;
     std::map<int, observer_entry> m_observers;
     const std::int32_t m_max_size;
     int m_next_observer_id = 0;

@@ -16,7 +16,7 @@ void node_changes::record(node_change::kind_t kind, const monitor_message_type& 
         return;
     if (m_waiting.size() >= m_bound)
         m_waiting.pop_front();
-    m_waiting.push_back({kind, m_generation, node.copy(), reported});
+    m_waiting.push_back({kind, m_generation, node, reported});
 }
 
 void node_changes::notify()

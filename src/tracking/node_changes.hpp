@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <vector>
 
 namespace kw {
@@ -20,7 +19,8 @@ struct node_change {
     kind_t kind;
     // One more than the change before; counts every change since the start.
     std::uint64_t generation;
-    std::unique_ptr<monitor_message_type> node;
+    // A copy of the record as it was at the change.
+    monitor_message_type node;
     // For lost: this node declared it lost (and raised the event).
     bool reported = false;
 };
