@@ -18,7 +18,6 @@ namespace kw {
 // A plain value of 56 bytes that the tables hold in place, with no object
 // of its own behind it: a group of a thousand siblings costs a thousand of
 // these and their table entries, and refreshing a record allocates nothing.
-// A copy is a full, independent record.
 class monitor_message_type {
 public:
     // The record of the ANNOUNCE's sender with its addresses. First seen and
@@ -28,6 +27,14 @@ public:
     static std::optional<monitor_message_type> create(const peer_message& message,
                                                       const local_clock& clock = system_local_now,
                                                       const monotonic_clock& monotonic = system_monotonic_now);
+
+    // A full, independent record; its stale mark is 0.
+    monitor_message_type copy() const
+    {
+        monitor_message_type record = *this;
+        record.m_stale = 0;
+        return record;
+    }
 
     node_id get_node_id() const { return m_node_id; }
     void get_ipv4(in_addr& out) const { out = m_ipv4; }

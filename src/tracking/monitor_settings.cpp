@@ -129,7 +129,7 @@ monitor::node_list monitor::copy_nodes(monitor_table* table)
 {
     node_list nodes;
     if (table)
-        table->foreach([&](monitor_message_type& record) { nodes.push_back(record); });
+        table->foreach([&](monitor_message_type& record) { nodes.push_back(record.copy()); });
     return nodes;
 }
 
