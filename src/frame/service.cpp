@@ -33,6 +33,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     char* config_file = nullptr;
     char* ident = nullptr;
     char* key_file = nullptr;
+    char* interfaces = nullptr;
     const GOptionEntry entries[] = {
         {"no-daemon", 'n', 0, G_OPTION_ARG_NONE, &no_daemon, "Do not run in background", nullptr},
         {"config_file", 'c', 0, G_OPTION_ARG_STRING, &config_file, "Specify configuration file, -c <filename>",
@@ -42,6 +43,8 @@ bool service::parse_command_line(int* argc, char*** argv)
          nullptr},
         {"key-file", 'k', 0, G_OPTION_ARG_FILENAME, &key_file, "Authenticate the group with the keys in FILE",
          "FILE"},
+        {"interfaces", 'I', 0, G_OPTION_ARG_STRING, &interfaces,
+         "Use only the interfaces PATTERNS admits (shell patterns, comma-separated, ! to exclude)", "PATTERNS"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
 
@@ -54,6 +57,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     m_config_file = adopt(config_file);
     m_ident = adopt(ident);
     m_key_file = adopt(key_file);
+    m_interfaces = adopt(interfaces);
 
     if (parsed && !m_config_file) {
         g_ptr<char> help(g_option_context_get_help(context.get(), TRUE, nullptr));
@@ -75,6 +79,8 @@ int service::run(int argc, char** argv)
     // applies; every later load and save then uses the same file.
     m_config_file = adopt(g_canonicalize_filename(m_config_file.get(), nullptr));
     if (m_key_file && !load_keys())
+        return 1;
+    if (m_interfaces && !parse_interfaces())
         return 1;
 
     // Still attached to the caller here, so a failure shows where it was started.
@@ -107,6 +113,7 @@ int service::run(int argc, char** argv)
     monitor_environment environment;
     environment.fast_join = m_fast_join;
     environment.auth = m_group_auth.get();
+    environment.interfaces = m_interface_filter;
     m_monitor = monitor::create(*m_settings, std::move(environment));
     if (!m_monitor) {
         g_warning("Failed to set up monitor");
@@ -133,6 +140,20 @@ int service::run(int argc, char** argv)
     g_main_loop_run(m_main_loop.get());
     m_main_loop.reset();
     return 0;
+}
+
+// Before the service goes to the background, so the refusal reaches whoever
+// started it.
+bool service::parse_interfaces()
+{
+    std::string error;
+    std::optional<interface_filter> filter = interface_filter::parse(m_interfaces.get(), error);
+    if (!filter) {
+        g_warning("Invalid -I/--interfaces: %s", error.c_str());
+        return false;
+    }
+    m_interface_filter = std::move(*filter);
+    return true;
 }
 
 // Before the service goes to the background, so the refusal reaches whoever

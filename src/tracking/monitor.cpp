@@ -180,6 +180,8 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 {
     g_debug("MONITOR Interface(%s): state:%s, ipv4:%s, ipv6:%s", name.c_str(), state.up ? "up" : "down",
             state.ipv4_enabled ? "enabled" : "disabled", state.ipv6_enabled ? "enabled" : "disabled");
+    if (!m_environment.interfaces.admits(name))
+        return;
 
     if (!state.up) {
         m_chained.erase(name);

@@ -2,6 +2,7 @@
 
 #include "src/config/settings.hpp"
 #include "src/frame/package.hpp"
+#include "src/hostnet/interface_filter.hpp"
 #include "src/hostnet/interface_state.hpp"
 #include "src/hostnet/link_watcher.hpp"
 #include "src/hostnet/mac_address.hpp"
@@ -43,6 +44,10 @@ struct monitor_environment {
     // The authenticated group's keys and state (the -k option), or none: then
     // every datagram is plain, as without the option. Outlives the monitor.
     group_auth* auth = nullptr;
+    // The interfaces it may use (the -I option); an interface it may not use
+    // gets no monitor_interface, so it sends and hears nothing and its
+    // addresses are announced nowhere.
+    interface_filter interfaces;
 };
 
 // An interface the running monitor uses, with the addresses its ANNOUNCE

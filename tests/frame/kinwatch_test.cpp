@@ -58,7 +58,8 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         {{"-n"}, 1, false, {"Usage:", " Kinwatch\n", "-n, --no-daemon", "Do not run in background", "-c, --config_file",
                             "Specify configuration file, -c <filename>", "-i, --ident", "The name of the process, -i <ident>",
                             "-f, --fast-join", "Answer a newly heard sibling with an ANNOUNCE at once",
-                            "-k, --key-file=FILE", "Authenticate the group with the keys in FILE"}},
+                            "-k, --key-file=FILE", "Authenticate the group with the keys in FILE", "-I, --interfaces=PATTERNS",
+                            "Use only the interfaces PATTERNS admits (shell patterns, comma-separated, ! to exclude)"}},
         {{"-n", "--bogus"}, fatal, false, {"Unknown option --bogus"}},
         {{"-n", "-c"}, fatal, false, {"Missing argument for -c"}},
         {{"-n", "-c", dir.file("missing.conf")}, 1, true, {"WARNING **: ", ": Failed to read configuration\n"}},
@@ -70,6 +71,10 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         {key_file("empty.key", "# none\n"), 1, false, {"empty.key: no key\n"}},
         {key_file("five.key", key + key + "\n# rotated\n" + key + key + key), 1, false, {"five.key: more than 4 keys\n"}},
         {{"-n", "-c", bad_ttl, "-k", dir.file("missing.key")}, 1, false, {"missing.key: cannot open: No such file or directory\n"}},
+        // So does a list of interfaces that cannot be meant.
+        {{"-n", "-c", bad_ttl, "-I", ""}, 1, false, {": Invalid -I/--interfaces: an empty list\n"}},
+        {{"-n", "-c", bad_ttl, "--interfaces=e*,,x"}, 1, false, {": Invalid -I/--interfaces: an empty pattern in \"e*,,x\"\n"}},
+        {{"-n", "-c", bad_ttl, "-I", "e*,!"}, 1, false, {": Invalid -I/--interfaces: \"!\" without a pattern in \"e*,!\"\n"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.args));
