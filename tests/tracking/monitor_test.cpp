@@ -36,6 +36,17 @@ protected:
         EXPECT_TRUE(cam.engine() && cam.engine()->is_running());
         return *cam.engine();
     }
+    // A probe or a sender on eth0 of host 1, or of the namespace given, made there.
+    std::unique_ptr<probe> listen(const char* group = lab_ipv4_group, const netns* ns = nullptr)
+    {
+        netns_enter in(ns ? *ns : *m_lab->host(1).ns);
+        return probe::open("eth0", group, lab_port);
+    }
+    std::unique_ptr<mcast_sender> sender(const netns* ns = nullptr)
+    {
+        netns_enter in(ns ? *ns : *m_lab->host(1).ns);
+        return mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1);
+    }
     // Platform events sent since the test began, counted by their log lines.
     std::size_t events(const std::string& name) const
     {
@@ -155,13 +166,8 @@ std::string heard(probe& listener, int count)
 
 TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
 {
-    std::unique_ptr<probe> probes[2];
-    {
-        netns_enter inside(*m_lab->host(1).ns); // listening before anything is sent
-        probes[0] = probe::open("eth0", lab_ipv4_group, lab_port);
-        probes[1] = probe::open("eth0", lab_ipv6_group, lab_port);
-        ASSERT_TRUE(probes[0] && probes[1]);
-    }
+    std::unique_ptr<probe> probes[2] = {listen(), listen(lab_ipv6_group)}; // listening before anything is sent
+    ASSERT_TRUE(probes[0] && probes[1]);
     camera cam({.id = 1});
     cam.dir().write("kinwatch.conf", "# dropped by the start\n" + settings_text({.id = 1}));
     monitor& engine = start(cam);
@@ -215,18 +221,12 @@ TEST_F(monitor_test, a_camera_on_two_networks_uses_the_interfaces_admitted_and_n
                                "ip link set eth1 up"));
     ASSERT_TRUE(far.must_exec("ip addr add 10.88.0.2/24 dev eth0 && ip link set eth0 up"));
     ASSERT_TRUE(host.wait_until_up("eth1") && host.wait_until_up("eth2") && far.wait_until_up("eth0"));
-    std::unique_ptr<probe> near[2], away[2];
-    for (int f = 0; f < 2; ++f) {
-        const char* group = f ? lab_ipv6_group : lab_ipv4_group;
-        netns_enter in_near(*m_lab->host(1).ns);
-        ASSERT_TRUE(near[f] = probe::open("eth0", group, lab_port));
-        netns_enter in_far(far);
-        ASSERT_TRUE(away[f] = probe::open("eth0", group, lab_port));
-    }
-    auto from = [&](netns& ns, node_id id) {
-        netns_enter in(ns);
+    std::unique_ptr<probe> near[2] = {listen(), listen(lab_ipv6_group)};
+    std::unique_ptr<probe> away[2] = {listen(lab_ipv4_group, &far), listen(lab_ipv6_group, &far)};
+    ASSERT_TRUE(near[0] && near[1] && away[0] && away[1]);
+    auto from = [&](const netns* ns, node_id id) {
         auto sent = *announce(id, "10.1.1.1", "fd01::1")->encode();
-        mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1)->send(sent.data(), sent.size());
+        sender(ns)->send(sent.data(), sent.size());
     };
 
     camera cam({.id = 1, .interfaces = "e*,!eth1"});
@@ -244,8 +244,8 @@ TEST_F(monitor_test, a_camera_on_two_networks_uses_the_interfaces_admitted_and_n
         std::ranges::sort(got);
         EXPECT_EQ(got[0] + got[1], "A 7 1 at 10.77.0.1 fd77::1, A 7 1 at 10.77.0.11 fd77::11, ");
     }
-    from(far, 0x50);
-    from(*m_lab->host(1).ns, 0x51);
+    from(&far, 0x50);
+    from(nullptr, 0x51);
     // eth0's IPv6 ANNOUNCE reaches eth2 through the bridge and vice versa.
     ASSERT_TRUE(wait_until([&] { return engine.get_receive_queue()->length() >= 3; }));
     engine.process_tick();
@@ -295,11 +295,8 @@ TEST_F(monitor_test, nothing_of_the_old_group_survives_a_group_change)
 TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself_declared_lost)
 {
     for (bool fast_join : {false, true}) {
-        std::unique_ptr<probe> listener;
-        {
-            netns_enter inside(*m_lab->host(1).ns);
-            ASSERT_TRUE(listener = probe::open("eth0", lab_ipv4_group, lab_port));
-        }
+        auto listener = listen();
+        ASSERT_TRUE(listener);
         camera cam({.fast_join = fast_join, .id = 1});
         monitor& engine = start(cam);
         cam.inject_announce(3), cam.inject_announce(4);
@@ -323,13 +320,8 @@ TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself
 // reported lost once, 60 s after it was last heard.
 TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
 {
-    std::unique_ptr<probe> listener;
-    std::unique_ptr<mcast_sender> far;
-    {
-        netns_enter inside(*m_lab->host(1).ns);
-        listener = probe::open("eth0", lab_ipv4_group, lab_port);
-        far = mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1);
-    }
+    auto listener = listen();
+    auto far = sender();
     ASSERT_TRUE(listener && far);
     const gint64 before = g_get_real_time();
     camera cam({.id = 1, .keys = "# in use\n\n" + test_key('a') + test_key('b')});
@@ -455,13 +447,10 @@ TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_w
                                                    : "sysctl -qw net.ipv6.conf.eth1.disable_ipv6=1 && "
                                                      "ip addr add 10.78.0.1/24 dev eth1 && ip link set eth1 up"));
         ASSERT_TRUE(settle_at(before + 2)) << "the IPv4 chain's sender and receiver";
-        std::unique_ptr<probe> listener;
-        {
-            netns_enter in(other);
-            ASSERT_TRUE(other.wait_until_up("eth0") && (listener = probe::open("eth0", lab_ipv4_group, lab_port)));
-            auto sent = *peer_message::announce_new(sibling, lab_group, {}, {})->encode();
-            mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1)->send(sent.data(), sent.size());
-        }
+        ASSERT_TRUE(other.wait_until_up("eth0"));
+        auto listener = listen(lab_ipv4_group, &other);
+        auto sent = *peer_message::announce_new(sibling, lab_group, {}, {})->encode();
+        ASSERT_TRUE(listener && sender(&other)->send(sent.data(), sent.size()) > 0);
         ASSERT_TRUE(wait_until([&] { return engine.get_receive_queue()->length() > 0; }));
         engine.process_tick();
         EXPECT_EQ(place(engine, sibling), "known");
@@ -476,11 +465,8 @@ TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_w
 // what the monitor sends, raises and queues.
 TEST_F(monitor_test, statistics_count_every_datagram_by_what_became_of_it)
 {
-    std::unique_ptr<mcast_sender> far;
-    {
-        netns_enter inside(*m_lab->host(1).ns);
-        ASSERT_TRUE(far = mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1));
-    }
+    auto far = sender();
+    ASSERT_TRUE(far);
     camera cam({.id = 1});
     monitor& engine = start(cam);
     std::vector<std::uint8_t> of_our_group(20); // but of no known length
