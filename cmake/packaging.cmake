@@ -10,6 +10,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/data/kinwatch.sysusers DESTINATION lib/sysus
 # file under /etc: it ships the default here, and postinst copies it to
 # /etc/kinwatch/kinwatch.conf when that file is missing.
 install(FILES ${PROJECT_SOURCE_DIR}/data/kinwatch.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/kinwatch)
+# The unit's options, which only the administrator edits: a conffile (listed
+# in data/debian/conffiles), in the one place the unit reads it, whatever
+# the prefix.
+install(FILES ${PROJECT_SOURCE_DIR}/data/kinwatch.default DESTINATION /etc/default RENAME kinwatch)
 
 # The copyright file in Debian's machine-readable format, with the licence
 # text of LICENSE (without its title and copyright line) as its continuation
@@ -72,13 +76,13 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "default-dbus-system-bus | dbus-system-bus")
 
 # The maintainer scripts make the service's user and its configuration, and
-# register the unit with systemd. The package has no conffiles.
+# register the unit with systemd. The one conffile is /etc/default/kinwatch.
 set(KW_DEBIAN_CONTROL ${PROJECT_BINARY_DIR}/debian)
-foreach(script postinst prerm postrm)
+foreach(script postinst prerm postrm conffiles)
   configure_file(${PROJECT_SOURCE_DIR}/data/debian/${script} ${KW_DEBIAN_CONTROL}/${script} COPYONLY)
 endforeach()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${KW_DEBIAN_CONTROL}/postinst ${KW_DEBIAN_CONTROL}/prerm ${KW_DEBIAN_CONTROL}/postrm)
+    ${KW_DEBIAN_CONTROL}/postinst ${KW_DEBIAN_CONTROL}/prerm ${KW_DEBIAN_CONTROL}/postrm ${KW_DEBIAN_CONTROL}/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 include(CPack)

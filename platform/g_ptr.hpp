@@ -60,6 +60,8 @@ KW_RELEASE(event, event_free)
 KW_RELEASE(ifaddrs, freeifaddrs)
 KW_RELEASE(addrinfo, freeaddrinfo)
 KW_RELEASE(GThread, g_thread_unref)
+KW_RELEASE(GSource, g_source_unref)
+KW_RELEASE(GMainContext, g_main_context_unref)
 
 #undef KW_RELEASE
 

@@ -6,7 +6,7 @@ set -euo pipefail
 
 kw_packages=(
   g++ make cmake pkg-config
-  libglib2.0-dev libnl-3-dev libnl-route-3-dev libsodium-dev
+  libglib2.0-dev libnl-3-dev libnl-route-3-dev libsodium-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   iproute2 procps util-linux dbus-daemon tcpdump libglib2.0-bin faketime gdb

@@ -3,6 +3,7 @@
 #include "platform/qvsd_daemon.hpp"
 #include "src/frame/package.hpp"
 #include "src/frame/package_observer.hpp"
+#include "src/frame/systemd_notifier.hpp"
 #include "src/surfaces/dbus_api.hpp"
 #include "src/tracking/monitor.hpp"
 
@@ -16,6 +17,8 @@ service::~service()
     // reaches it any more: the main loop has stopped. The settings record
     // goes last because the monitor's release reads it and may write it.
     m_dbus_api.reset();
+    if (m_monitor)
+        m_monitor->remove_state_listener(this);
     m_monitor.reset();
     m_package_observer.reset();
     m_settings.reset();
@@ -23,6 +26,7 @@ service::~service()
     m_key_file_observer.reset();
     m_group_auth.reset();
     m_key_file.reset();
+    m_notifier.reset();
     m_main_loop.reset();
 }
 
@@ -33,6 +37,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     char* config_file = nullptr;
     char* ident = nullptr;
     char* key_file = nullptr;
+    char* interfaces = nullptr;
     const GOptionEntry entries[] = {
         {"no-daemon", 'n', 0, G_OPTION_ARG_NONE, &no_daemon, "Do not run in background", nullptr},
         {"config_file", 'c', 0, G_OPTION_ARG_STRING, &config_file, "Specify configuration file, -c <filename>",
@@ -42,6 +47,8 @@ bool service::parse_command_line(int* argc, char*** argv)
          nullptr},
         {"key-file", 'k', 0, G_OPTION_ARG_FILENAME, &key_file, "Authenticate the group with the keys in FILE",
          "FILE"},
+        {"interfaces", 'I', 0, G_OPTION_ARG_STRING, &interfaces,
+         "Use only the interfaces PATTERNS admits (shell patterns, comma-separated, ! to exclude)", "PATTERNS"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
 
@@ -54,6 +61,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     m_config_file = adopt(config_file);
     m_ident = adopt(ident);
     m_key_file = adopt(key_file);
+    m_interfaces = adopt(interfaces);
 
     if (parsed && !m_config_file) {
         g_ptr<char> help(g_option_context_get_help(context.get(), TRUE, nullptr));
@@ -76,6 +84,8 @@ int service::run(int argc, char** argv)
     m_config_file = adopt(g_canonicalize_filename(m_config_file.get(), nullptr));
     if (m_key_file && !load_keys())
         return 1;
+    if (m_interfaces && !parse_interfaces())
+        return 1;
 
     // Still attached to the caller here, so a failure shows where it was started.
     if (!package().create_top_directory()) {
@@ -92,6 +102,8 @@ int service::run(int argc, char** argv)
     }
 
     m_main_loop = adopt(g_main_loop_new(nullptr, FALSE));
+    // Its watchdog timer runs from here on, with the main loop.
+    m_notifier = std::make_unique<systemd_notifier>();
 
     // Made in the background process: a file monitor runs a GLib thread.
     if (m_group_auth && !(m_key_file_observer = key_file_observer::create(m_key_file.get(), *m_group_auth)))
@@ -107,11 +119,14 @@ int service::run(int argc, char** argv)
     monitor_environment environment;
     environment.fast_join = m_fast_join;
     environment.auth = m_group_auth.get();
+    environment.interfaces = m_interface_filter;
     m_monitor = monitor::create(*m_settings, std::move(environment));
     if (!m_monitor) {
         g_warning("Failed to set up monitor");
         return 1;
     }
+    m_monitor->add_state_listener(this, [this] { update_status(); });
+    update_status();
 
     m_package_observer = package_observer::create(*m_monitor);
     if (!m_package_observer) {
@@ -121,8 +136,16 @@ int service::run(int argc, char** argv)
 
     // Connects to the bus in the background; the object is registered and
     // the name requested from the main loop, again after every loss of the
-    // bus. Without a bus the service runs on without its object.
-    m_dbus_api = dbus_api::create(*m_monitor, m_settings->get_enabled());
+    // bus. Without a bus the service runs on without its object. The
+    // service is ready at the first outcome: the monitor, if it is to run,
+    // runs already, and a service that waited for a bus that is missing
+    // would be killed by the manager for a start that never ends.
+    auto on_bus = [this](dbus_api::bus_state state) {
+        m_bus_state = state;
+        update_status();
+        m_notifier->ready();
+    };
+    m_dbus_api = dbus_api::create(*m_monitor, m_settings->get_enabled(), on_bus);
     if (!m_dbus_api) {
         g_warning("Failed to setup DBus API");
         return 1;
@@ -133,6 +156,40 @@ int service::run(int argc, char** argv)
     g_main_loop_run(m_main_loop.get());
     m_main_loop.reset();
     return 0;
+}
+
+// Before the service goes to the background, so the refusal reaches whoever
+// started it.
+bool service::parse_interfaces()
+{
+    std::string error;
+    std::optional<interface_filter> filter = interface_filter::parse(m_interfaces.get(), error);
+    if (!filter) {
+        g_warning("Invalid -I/--interfaces: %s", error.c_str());
+        return false;
+    }
+    m_interface_filter = std::move(*filter);
+    return true;
+}
+
+// "3 known, 1 lost, 2 interfaces" while the monitor runs, else why it does
+// not; then where the bus stands unless the name is owned.
+void service::update_status()
+{
+    std::string text;
+    if (m_monitor->is_running()) {
+        std::size_t interfaces = m_monitor->get_interface_count();
+        text = std::to_string(m_monitor->get_known_nodes_table()->get_size()) + " known, " +
+               std::to_string(m_monitor->get_lost_nodes_table()->get_size()) + " lost, " +
+               std::to_string(interfaces) + (interfaces == 1 ? " interface" : " interfaces");
+    } else {
+        text = m_settings->get_enabled() ? "monitor off: the package is not running" : "monitor off: not enabled";
+    }
+    if (m_bus_state == dbus_api::bus_state::name_taken)
+        text += "; the bus name is owned by another process";
+    else if (m_bus_state == dbus_api::bus_state::unreachable)
+        text += "; no system bus, retrying";
+    m_notifier->set_status(text);
 }
 
 // Before the service goes to the background, so the refusal reaches whoever

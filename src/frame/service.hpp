@@ -4,10 +4,13 @@
 #include "src/config/settings.hpp"
 #include "src/frame/key_file_observer.hpp"
 #include "src/frame/package_observer.hpp"
+#include "src/frame/systemd_notifier.hpp"
+#include "src/hostnet/interface_filter.hpp"
 #include "src/surfaces/dbus_api.hpp"
 #include "src/tracking/monitor.hpp"
 
 #include <memory>
+#include <optional>
 
 namespace kw {
 
@@ -30,13 +33,21 @@ private:
     bool parse_command_line(int* argc, char*** argv);
     // With -k: the keys, or false after a warning naming the file and the problem.
     bool load_keys();
+    // With -I: the filter, or false after a warning naming the option.
+    bool parse_interfaces();
+    // The service manager's STATUS line, from the monitor and the bus.
+    void update_status();
 
     bool m_no_daemon = false;
     bool m_fast_join = false;
     g_ptr<char> m_config_file;
     g_ptr<char> m_ident;
     g_ptr<char> m_key_file;
+    g_ptr<char> m_interfaces;
+    interface_filter m_interface_filter;
     g_ptr<GMainLoop> m_main_loop;
+    std::unique_ptr<systemd_notifier> m_notifier;
+    std::optional<dbus_api::bus_state> m_bus_state;
     std::unique_ptr<group_auth> m_group_auth;
     std::unique_ptr<key_file_observer> m_key_file_observer;
     std::unique_ptr<settings> m_settings;

@@ -14,6 +14,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace kw {
@@ -230,6 +231,7 @@ void link_watcher::on_object(nl_object* object)
 {
     switch (nl_object_get_msgtype(object)) {
     case RTM_NEWLINK:
+        forget_renamed(reinterpret_cast<rtnl_link*>(object));
         if (auto entry = on_new_link(reinterpret_cast<rtnl_link*>(object)); entry != m_interfaces.end())
             take_early_addresses(entry);
         break;
@@ -278,6 +280,19 @@ void link_watcher::take_early_addresses(link_table::iterator entry)
         entry->second.state = fresh;
         notify(fresh, entry->first);
     }
+}
+
+// A renamed link keeps its index: its entry under the old name is reported
+// removed, whatever the link's flags, and the link is entered again under the
+// new name once it is up, so listeners follow the name.
+void link_watcher::forget_renamed(rtnl_link* link)
+{
+    const char* name = rtnl_link_get_name(link);
+    int index = rtnl_link_get_ifindex(link);
+    auto old = std::ranges::find_if(
+        m_interfaces, [&](const auto& entry) { return name && entry.second.index == index && entry.first != name; });
+    if (old != m_interfaces.end())
+        remove_link(old);
 }
 
 void link_watcher::on_removed_link(rtnl_link* link)

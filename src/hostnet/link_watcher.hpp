@@ -84,6 +84,7 @@ private:
     void on_object(nl_object* object);
     link_table::iterator on_new_link(rtnl_link* link);
     void take_early_addresses(link_table::iterator entry);
+    void forget_renamed(rtnl_link* link);
     void on_removed_link(rtnl_link* link);
     link_table::iterator remove_link(link_table::iterator entry);
     bool refill_links();

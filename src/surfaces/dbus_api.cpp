@@ -73,9 +73,9 @@ const GDBusInterfaceVTable dbus_api::s_interface_table = {
     .set_property = &dbus_api::set_property,
 };
 
-std::unique_ptr<dbus_api> dbus_api::create(monitor& engine, bool enable)
+std::unique_ptr<dbus_api> dbus_api::create(monitor& engine, bool enable, bus_listener listener)
 {
-    auto api = std::make_unique<dbus_api>(private_tag {}, engine);
+    auto api = std::make_unique<dbus_api>(private_tag {}, engine, std::move(listener));
     api->m_monitor_bus = monitor_bus::create(engine);
     if (!api->m_monitor_bus)
         return nullptr;
@@ -128,6 +128,7 @@ void dbus_api::connected(g_ptr<GDBusConnection> connection, const GError* error)
             g_warning("Failed to connect to the system bus: %s; retrying", error ? error->message : "");
         m_bus_missing = true;
         retry_later();
+        tell(bus_state::unreachable);
         return;
     }
     if (m_bus_missing)
@@ -155,6 +156,13 @@ void dbus_api::closed()
     m_bus_missing = true;
     drop_connection();
     retry_later();
+    tell(bus_state::unreachable);
+}
+
+void dbus_api::tell(bus_state state)
+{
+    if (m_listener)
+        m_listener(state);
 }
 
 // Doubling from a quarter of a second to four: a bus that comes back is
@@ -198,10 +206,11 @@ void dbus_api::on_bus_acquired(GDBusConnection* connection, const gchar*, gpoint
     static_cast<dbus_api*>(self)->bus_acquired(connection);
 }
 
-void dbus_api::on_name_acquired(GDBusConnection*, const gchar*, gpointer)
+void dbus_api::on_name_acquired(GDBusConnection*, const gchar*, gpointer self)
 {
     // The object was registered when the bus was reached; one that was
     // taken down after a loss of the name stays down until a new connection.
+    static_cast<dbus_api*>(self)->tell(bus_state::owned);
 }
 
 void dbus_api::on_name_lost(GDBusConnection*, const gchar*, gpointer self)
@@ -231,6 +240,7 @@ void dbus_api::bus_acquired(GDBusConnection* connection)
 
 void dbus_api::name_lost()
 {
+    tell(bus_state::name_taken);
     if (m_registration_id == 0)
         return;
     if (!m_connection || !g_dbus_connection_unregister_object(m_connection.get(), m_registration_id)) {

@@ -6,6 +6,7 @@
 
 #include <gio/gio.h>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -43,10 +44,17 @@ public:
     static constexpr const char* object_path = "/com/tavix/Kinwatch";
     static constexpr const char* interface_name = "com.tavix.Kinwatch";
 
+    // Where the service stands on the bus: its name owned, the name held by
+    // another process (the request waits in the bus's queue), no bus reached.
+    enum class bus_state { owned, name_taken, unreachable };
+    // Told at each outcome of a name request or a connection attempt, and at
+    // the loss of the bus; the same state may be told again.
+    using bus_listener = std::function<void(bus_state)>;
+
     // Starts connecting to the system bus; the object is registered and the
     // name requested later, from the main loop, once the bus is reached. With
     // enable set, enables the monitor first. nullptr when enabling fails.
-    static std::unique_ptr<dbus_api> create(monitor& engine, bool enable);
+    static std::unique_ptr<dbus_api> create(monitor& engine, bool enable, bus_listener listener = nullptr);
 
     dbus_api(const dbus_api&) = delete;
     dbus_api& operator=(const dbus_api&) = delete;
@@ -75,7 +83,11 @@ public:
     struct private_tag {
         explicit private_tag() = default;
     };
-    dbus_api(private_tag, monitor& engine) : m_monitor(engine) {}
+    dbus_api(private_tag, monitor& engine, bus_listener listener)
+        : m_monitor(engine)
+        , m_listener(std::move(listener))
+    {
+    }
 
 private:
     static const GDBusInterfaceVTable s_interface_table;
@@ -100,8 +112,10 @@ private:
     // The documented properties' values, to tell what a write changed.
     std::vector<g_ptr<GVariant>> property_values();
     void emit_properties_changed(const std::vector<g_ptr<GVariant>>& before);
+    void tell(bus_state state);
 
     monitor& m_monitor;
+    bus_listener m_listener;
     // The object's second interface, registered on the same connections.
     std::unique_ptr<monitor_bus> m_monitor_bus;
     // The present connection, null while there is none; whatever the object

@@ -7,7 +7,8 @@ namespace kw {
 namespace {
 
 // Statistics change all the time and are read when wanted; Keyed is fixed for
-// the process's life.
+// the process's life; Interfaces (name, IPv4, IPv6 of each interface in use)
+// tells its changes.
 constexpr const char* introspection_xml =
     "<node>"
     "  <interface name='com.tavix.Kinwatch.Monitor1'>"
@@ -22,6 +23,7 @@ constexpr const char* introspection_xml =
     "    <property name='Statistics' type='a{st}' access='read'>"
     "      <annotation name='org.freedesktop.DBus.Property.EmitsChangedSignal' value='false'/>"
     "    </property>"
+    "    <property name='Interfaces' type='a(sss)' access='read'/>"
     "    <property name='Keyed' type='b' access='read'>"
     "      <annotation name='org.freedesktop.DBus.Property.EmitsChangedSignal' value='const'/>"
     "    </property>"
@@ -58,6 +60,15 @@ GVariant* node_array(const monitor::node_list& nodes)
     return g_variant_builder_end(&builder);
 }
 
+GVariant* interface_array(const monitor& engine)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sss)"));
+    for (const interface_in_use& in_use : engine.get_interfaces())
+        g_variant_builder_add(&builder, "(sss)", in_use.name.c_str(), in_use.ipv4.c_str(), in_use.ipv6.c_str());
+    return g_variant_ref_sink(g_variant_builder_end(&builder));
+}
+
 } // namespace
 
 const GDBusInterfaceVTable monitor_bus::s_interface_table = {
@@ -73,11 +84,14 @@ std::unique_ptr<monitor_bus> monitor_bus::create(monitor& engine)
     if (!bus->m_introspection_data)
         return nullptr;
     engine.changes().set_listener([raw = bus.get()] { raw->emit_waiting(); });
+    bus->m_interfaces = adopt(interface_array(engine));
+    engine.add_state_listener(bus.get(), [raw = bus.get()] { raw->emit_interfaces(); });
     return bus;
 }
 
 monitor_bus::~monitor_bus()
 {
+    m_monitor.remove_state_listener(this);
     m_monitor.changes().set_listener(nullptr);
     if (m_follow_up_id != 0)
         g_source_remove(m_follow_up_id);
@@ -134,6 +148,22 @@ void monitor_bus::emit_waiting()
         m_follow_up_id = g_timeout_add_seconds(monitor::process_period_seconds, &monitor_bus::on_follow_up, this);
 }
 
+void monitor_bus::emit_interfaces()
+{
+    g_ptr<GVariant> now = adopt(interface_array(m_monitor));
+    if (g_variant_equal(now.get(), m_interfaces.get()))
+        return;
+    m_interfaces = std::move(now);
+    if (m_registration_id == 0)
+        return;
+    GVariantBuilder changed;
+    g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(&changed, "{sv}", "Interfaces", m_interfaces.get());
+    g_dbus_connection_emit_signal(m_connection.get(), nullptr, m_object_path.c_str(),
+                                  "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                  g_variant_new("(sa{sv}as)", interface_name, &changed, nullptr), nullptr);
+}
+
 void monitor_bus::method_call(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method_name,
                               GVariant*, GDBusMethodInvocation* invocation, gpointer self)
 {
@@ -158,6 +188,8 @@ GVariant* monitor_bus::get_property(GDBusConnection*, const gchar*, const gchar*
     monitor& engine = static_cast<monitor_bus*>(self)->m_monitor;
     if (g_strcmp0(property_name, "Keyed") == 0)
         return g_variant_new_boolean(engine.is_keyed());
+    if (g_strcmp0(property_name, "Interfaces") == 0)
+        return interface_array(engine);
     if (g_strcmp0(property_name, "Statistics") == 0) {
         GVariantBuilder builder;
         g_variant_builder_init(&builder, G_VARIANT_TYPE("a{st}"));

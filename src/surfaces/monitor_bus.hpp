@@ -14,7 +14,8 @@ namespace kw {
 // happens. Signals for every change of the node tables, each with its
 // generation, so that a client subscribes, then fetches the tables with
 // GetNodes and drops the signals that are not newer; the counters since the
-// start; whether the group is keyed. Nothing on it is writable. Main thread
+// start; whether the group is keyed; the interfaces in use, whose changes it
+// tells with PropertiesChanged. Nothing on it is writable. Main thread
 // only, like the rest of the bus object.
 class monitor_bus {
 public:
@@ -55,6 +56,8 @@ private:
     // Emits what waits, at most MaxHosts signals at a time: the rest waits
     // for the next tick, so a burst never holds the main loop up for long.
     void emit_waiting();
+    // PropertiesChanged when the interfaces in use are not those last told.
+    void emit_interfaces();
 
     monitor& m_monitor;
     g_ptr<GDBusNodeInfo> m_introspection_data;
@@ -62,6 +65,8 @@ private:
     std::string m_object_path;
     guint m_registration_id = 0;
     guint m_follow_up_id = 0;
+    // What Interfaces last was, told or not.
+    g_ptr<GVariant> m_interfaces;
 };
 
 } // namespace kw

@@ -77,15 +77,16 @@ void sibling_events::declare_events()
 
 void sibling_events::send_connected(const monitor_message_type& record)
 {
-    send(m_connected_declaration, record);
+    send(m_connected_declaration, record, connected_message_id, "connected");
 }
 
 void sibling_events::send_disconnected(const monitor_message_type& record)
 {
-    send(m_disconnected_declaration, record);
+    send(m_disconnected_declaration, record, disconnected_message_id, "disconnected");
 }
 
-void sibling_events::send(event_declaration_id declaration, const monitor_message_type& record)
+void sibling_events::send(event_declaration_id declaration, const monitor_message_type& record,
+                          const char* message_id, const char* what)
 {
     std::string serial_number = record.get_mac_string();
     std::string ipv4 = record.get_ipv4_string();
@@ -100,6 +101,13 @@ void sibling_events::send(event_declaration_id declaration, const monitor_messag
     // The outcome of a send is not examined: a lost event is not retried.
     event_producer_send_event(m_producer.get(), prepared.get(), 0);
     event_print(prepared.get());
+
+    // Beside the platform's own line: an entry the journal can select by
+    // MESSAGE_ID, with the sibling in fields of its own. The default writer
+    // sends every field to the journal when standard error is connected to it.
+    g_log_structured(nullptr, G_LOG_LEVEL_MESSAGE, "MESSAGE_ID", message_id, "SIBLING_MAC", serial_number.c_str(),
+                     "SIBLING_IPV4", ipv4.c_str(), "SIBLING_IPV6", ipv6.c_str(), "MESSAGE", "Sibling %s %s (%s, %s)",
+                     serial_number.c_str(), what, ipv4.c_str(), ipv6.c_str());
 }
 
 } // namespace kw

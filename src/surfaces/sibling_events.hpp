@@ -13,6 +13,11 @@ namespace kw {
 // withdrawn on every stop. Main thread only.
 class sibling_events {
 public:
+    // The journal's MESSAGE_ID of each event's structured log entry; fixed
+    // for good, since operators select entries by them.
+    static constexpr const char* connected_message_id = "a6bc5612891b42309c22fc7130d6c660";
+    static constexpr const char* disconnected_message_id = "fecdf095ed9e4d9fab5bd55aa50f6f62";
+
     // Gives nullptr when the producer cannot be created.
     static std::unique_ptr<sibling_events> create();
 
@@ -21,7 +26,9 @@ public:
     // Withdraws both declarations and frees the producer.
     ~sibling_events();
 
-    // The record stays the caller's.
+    // The record stays the caller's. Each send also logs a structured entry
+    // with the event's MESSAGE_ID and the fields SIBLING_MAC, SIBLING_IPV4
+    // and SIBLING_IPV6.
     void send_connected(const monitor_message_type& record);
     void send_disconnected(const monitor_message_type& record);
 
@@ -32,7 +39,8 @@ public:
 
 private:
     void declare_events();
-    void send(event_declaration_id declaration, const monitor_message_type& record);
+    void send(event_declaration_id declaration, const monitor_message_type& record, const char* message_id,
+              const char* what);
 
     g_ptr<event_producer> m_producer;
     event_declaration_id m_connected_declaration = 0;

@@ -1,5 +1,9 @@
 #include "src/tracking/monitor.hpp"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
+
 namespace kw {
 
 monitor::monitor(private_tag, settings& config, monitor_environment environment, node_id own_node_id)
@@ -7,6 +11,7 @@ monitor::monitor(private_tag, settings& config, monitor_environment environment,
     , m_environment(std::move(environment))
     , m_own_node_id(own_node_id)
 {
+    m_changes.set_observer([this] { tell_state_listeners(); });
 }
 
 std::unique_ptr<monitor> monitor::create(settings& config, monitor_environment environment)
@@ -98,6 +103,7 @@ bool monitor::start()
     m_answer_due = false;
     m_answered = false;
     send_announce();
+    tell_state_listeners();
     return true;
 }
 
@@ -141,6 +147,7 @@ void monitor::stop()
     m_known_nodes.reset();
     m_running = false;
     m_changes.notify();
+    tell_state_listeners();
 }
 
 void monitor::on_interface_changed(std::uint32_t, const interface_state& state, const char* name, void* self)
@@ -173,10 +180,13 @@ void monitor::interface_changed(const interface_state& state, const std::string&
 {
     g_debug("MONITOR Interface(%s): state:%s, ipv4:%s, ipv6:%s", name.c_str(), state.up ? "up" : "down",
             state.ipv4_enabled ? "enabled" : "disabled", state.ipv6_enabled ? "enabled" : "disabled");
+    if (!m_environment.interfaces.admits(name))
+        return;
 
     if (!state.up) {
-        m_interfaces.erase(name);
         m_chained.erase(name);
+        if (m_interfaces.erase(name) > 0 && m_running)
+            tell_state_listeners();
         return;
     }
 
@@ -215,6 +225,44 @@ void monitor::interface_changed(const interface_state& state, const std::string&
         ask_answer();
         answer_if_due();
     }
+    // The start tells once, after all its interfaces.
+    if (m_running)
+        tell_state_listeners();
+}
+
+std::vector<interface_in_use> monitor::get_interfaces() const
+{
+    auto text = [](int family, const void* address, bool usable) {
+        char buffer[INET6_ADDRSTRLEN] = {};
+        return usable && inet_ntop(family, address, buffer, sizeof buffer) ? std::string(buffer) : std::string();
+    };
+    std::vector<interface_in_use> in_use;
+    for (const auto& [name, interface] : m_interfaces) {
+        const in_addr& ipv4 = interface->own_ipv4();
+        const in6_addr& ipv6 = interface->own_ipv6();
+        in_use.push_back({name, text(AF_INET, &ipv4, ipv4.s_addr != 0),
+                          text(AF_INET6, &ipv6, !IN6_IS_ADDR_UNSPECIFIED(&ipv6))});
+    }
+    std::ranges::sort(in_use, {}, &interface_in_use::name);
+    return in_use;
+}
+
+void monitor::add_state_listener(const void* owner, std::function<void()> listener)
+{
+    remove_state_listener(owner);
+    m_state_listeners.emplace_back(owner, std::move(listener));
+}
+
+void monitor::remove_state_listener(const void* owner)
+{
+    std::erase_if(m_state_listeners, [owner](const auto& entry) { return entry.first == owner; });
+}
+
+void monitor::tell_state_listeners()
+{
+    // No listener adds or removes one while it is told.
+    for (const auto& [owner, listener] : m_state_listeners)
+        listener();
 }
 
 void monitor::broadcast(std::unique_ptr<peer_message> message)

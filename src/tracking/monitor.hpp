@@ -2,6 +2,7 @@
 
 #include "src/config/settings.hpp"
 #include "src/frame/package.hpp"
+#include "src/hostnet/interface_filter.hpp"
 #include "src/hostnet/interface_state.hpp"
 #include "src/hostnet/link_watcher.hpp"
 #include "src/hostnet/mac_address.hpp"
@@ -19,6 +20,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -42,6 +44,18 @@ struct monitor_environment {
     // The authenticated group's keys and state (the -k option), or none: then
     // every datagram is plain, as without the option. Outlives the monitor.
     group_auth* auth = nullptr;
+    // The interfaces it may use (the -I option); an interface it may not use
+    // gets no monitor_interface, so it sends and hears nothing and its
+    // addresses are announced nowhere.
+    interface_filter interfaces;
+};
+
+// An interface the running monitor uses, with the addresses its ANNOUNCE
+// carries there; an empty text for a family without a usable address.
+struct interface_in_use {
+    std::string name;
+    std::string ipv4;
+    std::string ipv6;
 };
 
 // The engine. While it runs it owns the node tables, one monitor_interface
@@ -128,6 +142,15 @@ public:
     monitor_table* get_lost_nodes_table() { return m_lost_nodes.get(); }
     std::size_t get_interface_count() const { return m_interfaces.size(); }
     bool is_reporter() const { return m_reporter; }
+    // Sorted by name; empty while stopped.
+    std::vector<interface_in_use> get_interfaces() const;
+
+    // Told on the main thread after every start and stop, every change of
+    // the interfaces in use and every processing that changed the node
+    // tables; a listener compares what it shows itself. One per owner, which
+    // removes it before it goes.
+    void add_state_listener(const void* owner, std::function<void()> listener);
+    void remove_state_listener(const void* owner);
 
     struct private_tag {
         explicit private_tag() = default;
@@ -156,6 +179,7 @@ private:
     void ask_answer() { m_answer_due = m_answer_due || m_environment.fast_join; }
     void answer_if_due();
     static node_list copy_nodes(monitor_table* table);
+    void tell_state_listeners();
 
     std::unique_ptr<monitor_table> m_known_nodes;
     std::unique_ptr<monitor_table> m_lost_nodes;
@@ -178,6 +202,7 @@ private:
     bool m_answered = false;
     peer_statistics m_statistics;
     node_changes m_changes {node_changes_floor};
+    std::vector<std::pair<const void*, std::function<void()>>> m_state_listeners;
 };
 
 } // namespace kw

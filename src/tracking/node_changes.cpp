@@ -23,6 +23,10 @@ void node_changes::notify()
 {
     if (m_listener && !m_waiting.empty())
         m_listener();
+    if (m_observer && m_observed_generation != m_generation) {
+        m_observed_generation = m_generation;
+        m_observer();
+    }
 }
 
 std::vector<node_change> node_changes::take(std::size_t count)

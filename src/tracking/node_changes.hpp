@@ -40,9 +40,12 @@ public:
     // also forgets what waits.
     void set_listener(listener ready);
     void set_bound(std::size_t bound) { m_bound = bound; }
+    // Called by notify() when the generation moved since its last call,
+    // whether or not a listener is set.
+    void set_observer(std::function<void()> observer) { m_observer = std::move(observer); }
 
     void record(node_change::kind_t kind, const monitor_message_type& node, bool reported = false);
-    // Tells the listener, if any change waits.
+    // Tells the listener, if any change waits, and the observer.
     void notify();
     // The oldest changes, at most count of them.
     std::vector<node_change> take(std::size_t count);
@@ -55,6 +58,8 @@ private:
     std::uint64_t m_generation = 0;
     std::deque<node_change> m_waiting;
     listener m_listener;
+    std::function<void()> m_observer;
+    std::uint64_t m_observed_generation = 0;
 };
 
 } // namespace kw

@@ -73,6 +73,17 @@ done
 kill -CONT "$service"
 end "$reader"
 
+echo "--- status follows a link added and removed"
+in_use() { ctl 1 status | sed -n '/^interfaces:/,$p'; }
+eth0="interfaces:  eth0 10.78.0.1 fd78::1" both="interfaces:  eth0 10.78.0.1 fd78::1
+             eth1 10.79.0.1 fd79::1"
+ip -n "kwlab-$name-c1" link add eth1 type veth peer name eth1c1 netns "kwlab-$name-br" &&
+  ip -n "kwlab-$name-br" link set eth1c1 up && ip -n "kwlab-$name-c1" link set eth1 up &&
+  ip -n "kwlab-$name-c1" addr add 10.79.0.1/24 dev eth1 && ip -n "kwlab-$name-c1" addr add fd79::1/64 dev eth1 nodad
+check wait_for 20 eval '[[ $(in_use) == "$both" ]]'
+ip -n "kwlab-$name-c1" link del eth1
+check wait_for 20 eval '[[ $(in_use) == "$eth0" ]]'
+
 echo "--- every command in every state of camera 1"
 # Each row: state, command, exit status, the output (stdout and stderr) as
 # a pattern. Camera 1 knows camera 2 and has lost camera 3.
@@ -84,9 +95,12 @@ ipv4-group: +239\.255\.78\.1
 ipv6-group: +ff05::78
 keyed: +no
 "
+json='^\{"enabled":(true|false),"ttl":[0-9]+,"group":1,"ipv4_group":"239\.255\.78\.1","ipv6_group":"ff05::78","keyed":false,'
 table="
 enabled|status|0|${settings}known nodes: 1
-lost nodes:  1$
+lost nodes:  1
+interfaces:  eth0 10\.78\.0\.1 fd78::1$
+enabled|status --json|0|$json\"known_nodes\":1,\"lost_nodes\":1,\"interfaces\":\[\{\"name\":\"eth0\",\"ipv4\":\"10\.78\.0\.1\",\"ipv6\":\"fd78::1\"}]}$
 enabled|nodes|0|^HARDWARE ADDRESS .*
 $(mac 2)  10\.78\.0\.2  fd78::2  [^
 ]+$
@@ -104,7 +118,9 @@ enabled|stats|0|^received_ipv4: +[1-9][0-9]*
 )*queue_high_water: +[0-9]+$
 enabled|stats --json|0|^\{\"received_ipv4\":[1-9][0-9]*,(\"[a-z0-9_]+\":[0-9]+,){17}\"queue_high_water\":[0-9]+\}$
 disabled|status|0|${settings}known nodes: - \(not enabled\)
-lost nodes:  - \(not enabled\)$
+lost nodes:  - \(not enabled\)
+interfaces:  none$
+disabled|status --json|0|$json\"known_nodes\":null,\"lost_nodes\":null,\"interfaces\":\[]}$
 disabled|nodes|1|^kinwatchctl: cannot list the known nodes: Kinwatch is not enabled$
 disabled|nodes --lost|1|^kinwatchctl: cannot list the lost nodes: Kinwatch is not enabled$
 disabled|nodes --json|1|^kinwatchctl: cannot list the known nodes: Kinwatch is not enabled$
@@ -112,7 +128,8 @@ disabled|set ttl 3|0|^$
 disabled|watch|0|^kinwatchctl: watching 0 known and 0 lost nodes; interrupt to stop$
 disabled|stats --json|0|^\{\"received_ipv4\":[1-9]
 stopped|status|0|${settings}known nodes: 0
-lost nodes:  0$
+lost nodes:  0
+interfaces:  none$
 stopped|nodes|0|^No known nodes\.$
 stopped|nodes --lost|0|^No lost nodes\.$
 stopped|nodes --json|0|^$

@@ -37,6 +37,11 @@ lifecycle() {
     fail "configuration: $(stat -c '%n %U:%G %a' /etc/kinwatch "$conf")"
   cmp -s "$conf" /usr/share/kinwatch/kinwatch.conf || fail "the configuration is not the default"
   [[ -L $wants ]] || fail "the unit is not enabled"
+  # Installed, the unit's program, user and manual pages are there to check.
+  verify=$(systemd-analyze verify /usr/lib/systemd/system/kinwatch.service 2>&1) && [[ -z $verify ]] ||
+    fail "systemd-analyze verify: $verify"
+  echo 'KINWATCH_OPTIONS="--fast-join"' >>/etc/default/kinwatch
+  cp /etc/default/kinwatch "$scratch/options"
 
   # The service rewrites its file through a temporary one in the same folder.
   setpriv --reuid=kinwatch --regid=kinwatch --clear-groups sh -c \
@@ -46,11 +51,12 @@ lifecycle() {
   quiet "$scratch/upgrade.log" dpkg -i "$newer" || exit
   [[ $(dpkg-query -W -f '${Version}' kinwatch) == "$version" ]] || fail "not upgraded to $version"
   cmp "$scratch/changed" "$conf" || fail "the upgrade changed the configuration"
+  cmp "$scratch/options" /etc/default/kinwatch || fail "the upgrade changed the edited options"
 
   quiet "$scratch/remove.log" dpkg --remove kinwatch || exit
   cmp "$scratch/changed" "$conf" || fail "a removal changed the configuration"
   quiet "$scratch/purge.log" dpkg --purge kinwatch || exit
-  [[ ! -e /etc/kinwatch ]] || fail "a purge keeps /etc/kinwatch"
+  [[ ! -e /etc/kinwatch && ! -e /etc/default/kinwatch ]] || fail "a purge keeps /etc/kinwatch or the options"
   getent passwd kinwatch >/dev/null || getent group kinwatch >/dev/null && fail "a purge keeps the user or group"
   [[ ! -e $wants && ! -L $wants ]] || fail "a purge leaves the unit enabled"
   exit "$status"
@@ -84,7 +90,9 @@ for path in \
   ./usr/share/man/man5/kinwatch.conf.5.gz; do
   grep -qxF "$path" <<<"$files" || fail "not in the package: $path"
 done
-grep -q '^\./etc/' <<<"$files" && fail "the package ships files under /etc"
+[[ $(grep '^\./etc/.*[^/]$' <<<"$files") == ./etc/default/kinwatch ]] || fail "the package ships other files under /etc"
+[[ $(dpkg-deb --ctrl-tarfile "$deb" | tar -xOf - ./conffiles) == /etc/default/kinwatch ]] ||
+  fail "/etc/default/kinwatch is not the one conffile"
 
 info=$(dpkg-deb -I "$deb")
 field() { sed -n "s/^ $1: //p" <<<"$info"; }
@@ -97,10 +105,13 @@ done
 
 member() { dpkg-deb --fsys-tarfile "$deb" | tar -xOf - "$1"; }
 unit=$(member ./usr/lib/systemd/system/kinwatch.service)
-for line in 'ExecStart=/usr/sbin/kinwatch -n -c /etc/kinwatch/kinwatch.conf' User=kinwatch Group=kinwatch \
-  ReadWritePaths=/etc/kinwatch Restart=always; do
+for line in 'ExecStart=/usr/sbin/kinwatch -n -c /etc/kinwatch/kinwatch.conf $KINWATCH_OPTIONS' User=kinwatch \
+  Group=kinwatch ReadWritePaths=/etc/kinwatch Restart=always Type=notify NotifyAccess=main WatchdogSec=30 \
+  EnvironmentFile=-/etc/default/kinwatch; do
   grep -qxF "$line" <<<"$unit" || fail "the unit lacks: $line"
 done
+# The options file sets the variable the unit passes, and nothing more.
+[[ $(member ./etc/default/kinwatch | grep -v '^#') == 'KINWATCH_OPTIONS=""' ]] || fail "the options file sets other things"
 [[ $(grep -c '^ReadWritePaths=' <<<"$unit") == 1 ]] || fail "the unit may write more than /etc/kinwatch"
 [[ $(member ./usr/share/doc/kinwatch/changelog.gz | gzip -dc | head -1) == "kinwatch ($version) "* ]] ||
   fail "the change log does not start with version $version"

@@ -33,6 +33,8 @@ public:
         stop(SIGKILL);
         start(listen.c_str());
     }
+    // SIGSTOP makes a bus that takes connections and answers nothing.
+    void signal(int number) { g_subprocess_send_signal(m_process.get(), number); }
     // A connection of its own, as another program on the bus would have.
     g_ptr<GDBusConnection> connect() const
     {

@@ -95,22 +95,25 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
     EXPECT_EQ(nodes(), not_enabled + not_enabled);
     const std::string illegal = "5" + unmapped + "5: Illegal multicast group supplied";
     const std::string named = " GDBus.Error:com.tavix.Kinwatch.Error.";
-    const std::tuple<const char*, GVariant*, std::string, const char*, bool> writes[] = {
+    const std::tuple<const char*, GVariant*, std::string, const char*, int> writes[] = {
         // The file line a write leaves (null: the file stays as it was), and
-        // whether PropertiesChanged tells the written value.
-        {"IPv4MulticastGroup", g_variant_new_string("192.168.1.1"), illegal, nullptr, false},
-        {"IPv6MulticastGroup", g_variant_new_string("239.1.2.3"), illegal, nullptr, false},
-        {"TTL", g_variant_new_byte(0), "3" + named + "TTL: TTL must be in the range [1..255]", nullptr, false},
-        {"Enabled", g_variant_new_boolean(TRUE), "0" + named + "Generic: Unable to enable the monitor", "Enabled=true", true},
-        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false", true},
-        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false", false},
-        {"TTL", g_variant_new_byte(9), "()", "TTL=9", true},
-        {"TTL", g_variant_new_byte(9), "()", "TTL=9", false},
-        {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1", true},
-        {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3", true},
-        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", true},
-        {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true", true},
+        // whether PropertiesChanged tells the written value (1), after the
+        // interfaces of the monitor it started (2).
+        {"IPv4MulticastGroup", g_variant_new_string("192.168.1.1"), illegal, nullptr, 0},
+        {"IPv6MulticastGroup", g_variant_new_string("239.1.2.3"), illegal, nullptr, 0},
+        {"TTL", g_variant_new_byte(0), "3" + named + "TTL: TTL must be in the range [1..255]", nullptr, 0},
+        {"Enabled", g_variant_new_boolean(TRUE), "0" + named + "Generic: Unable to enable the monitor", "Enabled=true", 1},
+        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false", 1},
+        {"Enabled", g_variant_new_boolean(FALSE), "()", "Enabled=false", 0},
+        {"TTL", g_variant_new_byte(9), "()", "TTL=9", 1},
+        {"TTL", g_variant_new_byte(9), "()", "TTL=9", 0},
+        {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1", 1},
+        {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3", 1},
+        {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", 1},
+        {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true", 2},
     };
+    const std::string started = "PropertiesChanged ('com.tavix.Kinwatch.Monitor1', {'Interfaces': "
+                                "<[('eth0', '10.77.0.1', 'fd77::1')]>}, [])";
     for (const auto& [name, value, reply, line, changed] : writes) {
         const std::string before = cam.config_text(), printed = take_string(g_variant_print(value, TRUE));
         EXPECT_EQ(call(client.get(), properties, "Set", g_variant_new("(ssv)", dbus_api::interface_name, name, value)),
@@ -120,7 +123,8 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
             << name << "\n" << after;
         call(client.get(), properties, "Get", g_variant_new("(ss)", dbus_api::interface_name, "Enabled"));
         const std::string signal = "PropertiesChanged ('com.tavix.Kinwatch', {'" + std::string(name) + "': <" + printed + ">}, [])";
-        EXPECT_EQ(signals.take(), changed ? std::vector {signal} : std::vector<std::string> {}) << name;
+        std::vector<std::string> told = changed == 2 ? std::vector {started, signal} : std::vector {signal};
+        EXPECT_EQ(signals.take(), changed ? told : std::vector<std::string> {}) << name;
     }
     EXPECT_EQ(call(client.get(), properties, "GetAll", g_variant_new("(s)", dbus_api::interface_name)),
               "({'IPv4MulticastGroup': <'239.1.2.3'>, 'IPv6MulticastGroup': <'ff02::1'>, 'Enabled': <true>, "

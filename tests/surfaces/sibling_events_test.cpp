@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 namespace kw {
 namespace {
 
@@ -31,6 +33,37 @@ TEST(sibling_events, declares_both_events_and_withdraws_them)
         EXPECT_TRUE(log.contains(G_LOG_LEVEL_DEBUG, "event producer Kinwatch: freed with 0 declarations"));
         EXPECT_TRUE(event_library_producers().empty());
     }
+}
+
+// Keeps the entries that have a MESSAGE_ID: their text and fields.
+GLogWriterOutput keep(GLogLevelFlags, const GLogField* fields, gsize count, gpointer told)
+{
+    std::map<std::string, std::string> entry;
+    for (gsize i = 0; i < count; ++i)
+        entry[fields[i].key] = fields[i].length < 0 ? static_cast<const char*>(fields[i].value) : "";
+    if (entry.contains("MESSAGE_ID"))
+        static_cast<std::vector<std::string>*>(told)->push_back(entry["PRIORITY"] + " " + entry["MESSAGE"] + " | " +
+            entry["MESSAGE_ID"] + " " + entry["SIBLING_MAC"] + " " + entry["SIBLING_IPV4"] + " " + entry["SIBLING_IPV6"]);
+    return G_LOG_WRITER_HANDLED;
+}
+
+// Beside the platform's line (whose text the monitor's test checks), each
+// event is a structured entry: the journal selects it by its MESSAGE_ID and
+// finds the sibling in fields of its own.
+TEST(sibling_events, each_event_is_also_an_entry_with_its_message_id_and_the_sibling_in_fields)
+{
+    static std::vector<std::string> told; // the one writer a process may install keeps it for good
+    g_log_set_writer_func(&keep, &told, nullptr);
+    in_addr ipv4 {htonl(0x0a010203)};
+    in6_addr ipv6 {{{0xfd, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3}}};
+    auto record = monitor_message_type::create(peer_message::announce_new(0x020000123456ULL, 1, ipv4, ipv6));
+    auto events = sibling_events::create();
+    events->send_connected(*record);
+    events->send_disconnected(*record);
+    const std::string sibling = "5 Sibling 02:00:00:12:34:56 ", fields = " 02:00:00:12:34:56 10.1.2.3 fd01::3";
+    EXPECT_EQ(told, (std::vector<std::string> {
+        sibling + "connected (10.1.2.3, fd01::3) | a6bc5612891b42309c22fc7130d6c660" + fields,
+        sibling + "disconnected (10.1.2.3, fd01::3) | fecdf095ed9e4d9fab5bd55aa50f6f62" + fields}));
 }
 
 } // namespace

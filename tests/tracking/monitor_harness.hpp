@@ -27,6 +27,7 @@ struct camera_options {
     std::uint32_t group = lab_group;
     node_id id = 0x020000000001ULL;
     std::string keys = ""; // a key file's text: the camera is keyed
+    std::string interfaces = ""; // an -I list: only those interfaces are used
 };
 
 // A line of a key file: the digit 64 times.
@@ -58,6 +59,8 @@ public:
         std::string error;
         if (!options.keys.empty())
             m_auth = group_auth::create(group_keys::parse(options.keys, "keys", error));
+        if (!options.interfaces.empty())
+            m_interfaces = interface_filter::parse(options.interfaces, error).value();
         m_dir.write("kinwatch.conf", settings_text(options));
         g_mkdir_with_parents(m_dir.file("sys/eth0").c_str(), 0755);
         m_dir.write("sys/eth0/address", mac_address::format(options.id) + "\n");
@@ -74,7 +77,7 @@ public:
             inside.emplace(*ns);
         m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"),
                                                   [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; },
-                                                  m_fast_join, m_auth.get()});
+                                                  m_fast_join, m_auth.get(), m_interfaces});
         return m_monitor.get();
     }
     monitor* engine() { return m_monitor.get(); }
@@ -96,6 +99,7 @@ public:
 
 private:
     bool m_fast_join;
+    interface_filter m_interfaces;
     temp_dir m_dir;
     g_ptr<GDateTime> m_wall = adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0));
     gint64 m_monotonic = 7 * G_TIME_SPAN_DAY; // as long after boot as any real reading

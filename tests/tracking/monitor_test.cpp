@@ -36,6 +36,17 @@ protected:
         EXPECT_TRUE(cam.engine() && cam.engine()->is_running());
         return *cam.engine();
     }
+    // A probe or a sender on eth0 of host 1, or of the namespace given, made there.
+    std::unique_ptr<probe> listen(const char* group = lab_ipv4_group, const netns* ns = nullptr)
+    {
+        netns_enter in(ns ? *ns : *m_lab->host(1).ns);
+        return probe::open("eth0", group, lab_port);
+    }
+    std::unique_ptr<mcast_sender> sender(const netns* ns = nullptr)
+    {
+        netns_enter in(ns ? *ns : *m_lab->host(1).ns);
+        return mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1);
+    }
     // Platform events sent since the test began, counted by their log lines.
     std::size_t events(const std::string& name) const
     {
@@ -166,13 +177,8 @@ std::string heard(probe& listener, int count)
 
 TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
 {
-    std::unique_ptr<probe> probes[2];
-    {
-        netns_enter inside(*m_lab->host(1).ns); // listening before anything is sent
-        probes[0] = probe::open("eth0", lab_ipv4_group, lab_port);
-        probes[1] = probe::open("eth0", lab_ipv6_group, lab_port);
-        ASSERT_TRUE(probes[0] && probes[1]);
-    }
+    std::unique_ptr<probe> probes[2] = {listen(), listen(lab_ipv6_group)}; // listening before anything is sent
+    ASSERT_TRUE(probes[0] && probes[1]);
     camera cam({.id = 1});
     cam.dir().write("kinwatch.conf", "# dropped by the start\n" + settings_text({.id = 1}));
     monitor& engine = start(cam);
@@ -207,44 +213,73 @@ TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
 }
 
 // A camera with two ports on one network hears its own IPv6 datagrams from
-// the wire; a third port on another network gets its own addresses there.
-TEST_F(monitor_test, a_camera_on_two_networks_announces_each_its_own_addresses_and_never_hears_itself)
+// the wire. With "e*,!eth1" its third port, on another network, is not used:
+// that network hears nothing from it (the first datagram there is the one
+// sent once the link is renamed eth3) and teaches it nothing, and no ANNOUNCE
+// carries eth1's addresses. A link follows the rule under its present name;
+// each port announces its own addresses. The node id comes from eth0, used or not.
+TEST_F(monitor_test, a_camera_on_two_networks_uses_the_interfaces_admitted_and_never_hears_itself)
 {
     netns far("far");
     netns& host = *m_lab->host(0).ns;
     ASSERT_TRUE(far.ok());
     ASSERT_TRUE(m_lab->bridge().must_exec("ip link add vh1b type veth peer name vb1b && ip link set vb1b master br0 up"
                                           " && ip link set vh1b netns " + host.name()));
-    ASSERT_TRUE(host.must_exec("ip link set vh1b name eth1 && ip addr add 10.77.0.11/24 dev eth1 && ip -6 addr add "
-                               "fd77::11/64 dev eth1 nodad && ip link set eth1 up && ip link add eth2 type veth peer "
-                               "name eth0 netns " + far.name() + " && ip addr add 10.88.0.1/24 dev eth2 && ip -6 addr "
-                               "add fd88::1/64 dev eth2 nodad && ip link set eth2 up"));
+    ASSERT_TRUE(host.must_exec("ip link set vh1b name eth2 && ip addr add 10.77.0.11/24 dev eth2 && ip -6 addr add "
+                               "fd77::11/64 dev eth2 nodad && ip link set eth2 up && ip link add eth1 type veth peer "
+                               "name eth0 netns " + far.name() + " && sysctl -qw net.ipv6.conf.eth1.keep_addr_on_down=1"
+                               " && ip addr add 10.88.0.1/24 dev eth1 && ip -6 addr add fd88::1/64 dev eth1 nodad && "
+                               "ip link set eth1 up"));
     ASSERT_TRUE(far.must_exec("ip addr add 10.88.0.2/24 dev eth0 && ip link set eth0 up"));
     ASSERT_TRUE(host.wait_until_up("eth1") && host.wait_until_up("eth2") && far.wait_until_up("eth0"));
-    std::unique_ptr<probe> near[2], away[2];
-    for (int f = 0; f < 2; ++f) {
-        const char* group = f ? lab_ipv6_group : lab_ipv4_group;
-        netns_enter in_near(*m_lab->host(1).ns);
-        ASSERT_TRUE(near[f] = probe::open("eth0", group, lab_port));
-        netns_enter in_far(far);
-        ASSERT_TRUE(away[f] = probe::open("eth0", group, lab_port));
-    }
+    std::unique_ptr<probe> near[2] = {listen(), listen(lab_ipv6_group)};
+    std::unique_ptr<probe> away[2] = {listen(lab_ipv4_group, &far), listen(lab_ipv6_group, &far)};
+    ASSERT_TRUE(near[0] && near[1] && away[0] && away[1]);
+    auto from = [&](const netns* ns, node_id id) {
+        auto sent = *announce(id, "10.1.1.1", "fd01::1")->encode();
+        sender(ns)->send(sent.data(), sent.size());
+    };
 
-    camera cam({.id = 1});
+    camera cam({.id = 1, .interfaces = "e*,!eth1"});
     monitor& engine = start(cam);
-    EXPECT_EQ(engine.get_interface_count(), 3u);
+    auto in_use = [&] {
+        std::string text;
+        for (const auto& i : engine.get_interfaces())
+            text += i.name + " " + i.ipv4 + " " + i.ipv6 + ", ";
+        return text;
+    };
+    const std::string used = "eth0 10.77.0.1 fd77::1, eth2 10.77.0.11 fd77::11, ";
+    EXPECT_EQ(in_use(), used);
     for (auto& listener : near) {
         std::string got[] = {heard(*listener, 1), heard(*listener, 1)};
         std::ranges::sort(got);
         EXPECT_EQ(got[0] + got[1], "A 7 1 at 10.77.0.1 fd77::1, A 7 1 at 10.77.0.11 fd77::11, ");
     }
+    from(&far, 0x50);
+    from(nullptr, 0x51);
+    // eth0's IPv6 ANNOUNCE reaches eth2 through the bridge and vice versa.
+    ASSERT_TRUE(wait_until([&] { return engine.get_receive_queue()->length() >= 3; }));
+    engine.process_tick();
+    EXPECT_EQ(place(engine, 1) + place(engine, 0x50) + place(engine, 0x51), "nonenoneknown");
+
+    auto settle = [&](const std::string& expected) {
+        return wait_until([&] { return !g_main_context_iteration(nullptr, FALSE) && in_use() == expected; });
+    };
+    for (auto [was, name] : {std::pair {"eth1", "eth3"}, {"eth3", "eth1"}}) {
+        ASSERT_TRUE(host.must_exec(std::string("ip link set ") + was + " down && ip link set " + was + " name " + name +
+                                   " && ip link set " + name + " up"));
+        ASSERT_TRUE(settle(name[3] == '3' ? used + "eth3 10.88.0.1 fd88::1, " : used)) << in_use();
+        EXPECT_TRUE(engine.announce_tick());
+    }
     for (auto& listener : away)
         EXPECT_EQ(heard(*listener, 1), "A 7 1 at 10.88.0.1 fd88::1, ");
-    // eth0's IPv6 ANNOUNCE reaches eth1 through the bridge and vice versa.
-    ASSERT_TRUE(wait_until([&] { return engine.get_receive_queue()->length() >= 2; }));
-    engine.process_tick();
-    EXPECT_TRUE(engine.get_known_nodes().empty() && engine.get_lost_nodes().empty());
-    EXPECT_EQ(events("SiblingConnected"), 0u);
+    engine.stop();
+    EXPECT_TRUE(away[0]->idle() && away[1]->idle()) << "nothing but what eth3 sent";
+
+    camera unused({.id = 2, .interfaces = "!eth0"});
+    ASSERT_TRUE(host.wait_until_up("eth1"));
+    EXPECT_EQ(start(unused).get_own_node_id(), 2u);
+    EXPECT_EQ(unused.engine()->get_interface_count(), 2u) << "eth1 and eth2";
 }
 
 // Neither what waits in the queue at a group change nor what a receiver
@@ -271,11 +306,8 @@ TEST_F(monitor_test, nothing_of_the_old_group_survives_a_group_change)
 TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself_declared_lost)
 {
     for (bool fast_join : {false, true}) {
-        std::unique_ptr<probe> listener;
-        {
-            netns_enter inside(*m_lab->host(1).ns);
-            ASSERT_TRUE(listener = probe::open("eth0", lab_ipv4_group, lab_port));
-        }
+        auto listener = listen();
+        ASSERT_TRUE(listener);
         camera cam({.fast_join = fast_join, .id = 1});
         monitor& engine = start(cam);
         cam.inject_announce(3), cam.inject_announce(4);
@@ -299,13 +331,8 @@ TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself
 // reported lost once, 60 s after it was last heard.
 TEST_F(monitor_test, a_keyed_camera_takes_only_genuine_fresh_datagrams)
 {
-    std::unique_ptr<probe> listener;
-    std::unique_ptr<mcast_sender> far;
-    {
-        netns_enter inside(*m_lab->host(1).ns);
-        listener = probe::open("eth0", lab_ipv4_group, lab_port);
-        far = mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1);
-    }
+    auto listener = listen();
+    auto far = sender();
     ASSERT_TRUE(listener && far);
     const gint64 before = g_get_real_time();
     camera cam({.id = 1, .keys = "# in use\n\n" + test_key('a') + test_key('b')});
@@ -431,13 +458,10 @@ TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_w
                                                    : "sysctl -qw net.ipv6.conf.eth1.disable_ipv6=1 && "
                                                      "ip addr add 10.78.0.1/24 dev eth1 && ip link set eth1 up"));
         ASSERT_TRUE(settle_at(before + 2)) << "the IPv4 chain's sender and receiver";
-        std::unique_ptr<probe> listener;
-        {
-            netns_enter in(other);
-            ASSERT_TRUE(other.wait_until_up("eth0") && (listener = probe::open("eth0", lab_ipv4_group, lab_port)));
-            auto sent = *peer_message::announce_new(sibling, lab_group, {}, {})->encode();
-            mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1)->send(sent.data(), sent.size());
-        }
+        ASSERT_TRUE(other.wait_until_up("eth0"));
+        auto listener = listen(lab_ipv4_group, &other);
+        auto sent = *peer_message::announce_new(sibling, lab_group, {}, {})->encode();
+        ASSERT_TRUE(listener && sender(&other)->send(sent.data(), sent.size()) > 0);
         ASSERT_TRUE(wait_until([&] { return engine.get_receive_queue()->length() > 0; }));
         engine.process_tick();
         EXPECT_EQ(place(engine, sibling), "known");
@@ -452,11 +476,8 @@ TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_w
 // what the monitor sends, raises and queues.
 TEST_F(monitor_test, statistics_count_every_datagram_by_what_became_of_it)
 {
-    std::unique_ptr<mcast_sender> far;
-    {
-        netns_enter inside(*m_lab->host(1).ns);
-        ASSERT_TRUE(far = mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1));
-    }
+    auto far = sender();
+    ASSERT_TRUE(far);
     camera cam({.id = 1});
     monitor& engine = start(cam);
     std::vector<std::uint8_t> of_our_group(20); // but of no known length
@@ -554,6 +575,20 @@ TEST_F(monitor_test, refused_disabled_and_stopped_starts_and_a_tick_without_inte
     cam.engine()->process_tick();
     EXPECT_EQ(cam.engine()->get_receive_queue()->length(), 1);
     EXPECT_TRUE(cam.engine()->get_known_nodes().empty());
+}
+
+TEST(interface_filter, admits_what_an_allowed_pattern_matches_and_no_denied_one)
+{
+    const std::pair<const char*, const char*> lists[] = {
+        {"e*,!eth1", "eth0 "}, {" !veth* , !br-* ", "eth0 eth1 wlan0 "}, {"eth?,br-x,!eth0", "eth1 br-x "},
+        {"wlan0,!w*", ""},     {"*", "eth0 eth1 wlan0 veth3 br-x "},
+    };
+    for (auto [list, admitted] : lists) {
+        std::string error, got;
+        for (const char* name : {"eth0", "eth1", "wlan0", "veth3", "br-x"})
+            got += interface_filter::parse(list, error).value().admits(name) ? name + std::string(" ") : "";
+        EXPECT_EQ(got, admitted) << list;
+    }
 }
 
 TEST(monitor_settings, multicast_group_texts)

@@ -114,9 +114,8 @@ std::optional<command_line> command_line::parse(const std::vector<std::string>& 
         error = "--lost only goes with nodes";
         return std::nullopt;
     }
-    if (result.m_json && result.m_action != action::nodes && result.m_action != action::watch &&
-        result.m_action != action::stats) {
-        error = "--json only goes with nodes, watch or stats";
+    if (result.m_json && result.m_action == action::set) {
+        error = "--json only goes with status, nodes, watch or stats";
         return std::nullopt;
     }
     if (result.m_limit && result.m_action != action::watch) {
@@ -159,8 +158,10 @@ std::string command_line::help_text()
            "sibling cameras it knows.\n"
            "\n"
            "Commands:\n"
-           "  status                  the five settings, the number of known and lost nodes and\n"
-           "                          whether the group is keyed (the default command)\n"
+           "  status [--json]         the five settings, whether the group is keyed, the number\n"
+           "                          of known and lost nodes and the interfaces in use with\n"
+           "                          their addresses (the default command); --json prints\n"
+           "                          one JSON object\n"
            "  nodes [--lost] [--json] the known (or lost) nodes, sorted by hardware address;\n"
            "                          --json prints one JSON object per line\n"
            "  set SETTING VALUE       change a setting:\n"

@@ -4,6 +4,7 @@
 #include "tools/kinwatchctl/setting.hpp"
 #include "tools/kinwatchctl/watch_loop.hpp"
 
+#include <algorithm>
 #include <array>
 #include <iomanip>
 #include <sstream>
@@ -36,7 +37,7 @@ int commands::execute(const command_line& line)
 {
     switch (line.what()) {
     case command_line::action::status:
-        return status();
+        return status(line.json());
     case command_line::action::nodes:
         return nodes(line.lost() ? bus_client::node_list::lost : bus_client::node_list::known, line.json());
     case command_line::action::set:
@@ -52,10 +53,11 @@ int commands::execute(const command_line& line)
     return exit_usage;
 }
 
-int commands::status()
+int commands::status(bool json)
 {
     // Labels are the names that set takes, so what status shows can be
-    // changed by copying it.
+    // changed by copying it; the JSON keys are the labels with "_" for
+    // every "-" or blank.
     struct row {
         const char* label;
         const char* property;
@@ -70,38 +72,78 @@ int commands::status()
     constexpr int label_width = 13;
 
     std::string text;
+    std::string object;
+    auto add = [&](const std::string& label, const std::string& plain, const std::string& json_value) {
+        std::ostringstream line;
+        line << std::left << std::setw(label_width) << (label + ":") << plain << '\n';
+        text += line.str();
+        std::string key = label;
+        std::ranges::replace_if(key, [](char c) { return c == '-' || c == ' '; }, '_');
+        object += object.empty() ? '{' : ',';
+        object += node_format::json_string(key);
+        object += ':';
+        object += json_value;
+    };
     for (const auto& r : rows) {
         bus_failure failure;
         auto value = m_client.get(r.property, failure);
         if (!value)
             return failure.report(m_err, std::string("read ") + r.label);
-        std::ostringstream line;
-        line << std::left << std::setw(label_width) << (std::string(r.label) + ":") << text_of(value.get()) << '\n';
-        text += line.str();
+        std::string plain = text_of(value.get());
+        add(r.label, plain, g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING) ? node_format::json_string(plain)
+                                                                                      : plain);
     }
     {
         bus_failure failure;
         auto keyed = m_client.get("Keyed", failure, bus_client::monitor_interface_name);
         if (!keyed)
             return failure.report(m_err, "read keyed");
-        text += std::string("keyed:") + std::string(label_width - 6, ' ') +
-                (g_variant_get_boolean(keyed.get()) ? "yes" : "no") + "\n";
+        bool on = g_variant_get_boolean(keyed.get());
+        add("keyed", on ? "yes" : "no", on ? "true" : "false");
     }
     for (auto which : {bus_client::node_list::known, bus_client::node_list::lost}) {
         bus_failure failure;
         auto list = m_client.nodes(which, failure);
-        std::string count;
         if (list)
-            count = std::to_string(list->size());
+            add(std::string(list_name(which)) + " nodes", std::to_string(list->size()), std::to_string(list->size()));
         else if (failure.what() == bus_failure::kind::not_enabled)
-            count = "- (not enabled)";
+            add(std::string(list_name(which)) + " nodes", "- (not enabled)", "null");
         else
             return failure.report(m_err, std::string("count the ") + list_name(which) + " nodes");
-        std::ostringstream line;
-        line << std::left << std::setw(label_width) << (std::string(list_name(which)) + " nodes:") << count << '\n';
-        text += line.str();
     }
-    m_out << text << std::flush;
+    {
+        bus_failure failure;
+        auto interfaces = m_client.get("Interfaces", failure, bus_client::monitor_interface_name);
+        if (!interfaces || !g_variant_is_of_type(interfaces.get(), G_VARIANT_TYPE("a(sss)")))
+            return failure.report(m_err, "read the interfaces");
+        // One interface a line, "-" for a family without an address.
+        std::string lines;
+        std::string array;
+        GVariantIter iter;
+        g_variant_iter_init(&iter, interfaces.get());
+        const char *name = nullptr, *ipv4 = nullptr, *ipv6 = nullptr;
+        while (g_variant_iter_next(&iter, "(&s&s&s)", &name, &ipv4, &ipv6)) {
+            if (!lines.empty()) {
+                lines += '\n';
+                lines.append(label_width, ' ');
+            }
+            lines += name;
+            for (const char* address : {ipv4, ipv6}) {
+                lines += ' ';
+                lines += *address ? address : "-";
+            }
+            array += array.empty() ? '[' : ',';
+            array += "{\"name\":";
+            array += node_format::json_string(name);
+            array += ",\"ipv4\":";
+            array += node_format::json_string(ipv4);
+            array += ",\"ipv6\":";
+            array += node_format::json_string(ipv6);
+            array += '}';
+        }
+        add("interfaces", lines.empty() ? "none" : lines, array.empty() ? "[]" : array + "]");
+    }
+    m_out << (json ? object + "}\n" : text) << std::flush;
     return exit_ok;
 }
 

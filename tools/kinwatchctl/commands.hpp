@@ -17,7 +17,7 @@ public:
 
     int execute(const command_line& line);
 
-    int status();
+    int status(bool json);
     int nodes(bus_client::node_list which, bool json);
     int set(const std::string& name, const std::string& value);
     int watch(bool json, unsigned limit);

@@ -21,7 +21,7 @@ TEST(command_line, options_in_any_order_and_usage_errors)
     const std::pair<std::vector<std::string>, const char*> errors[] = {
         {{"reboot"}, "unknown command reboot"},
         {{"status", "now"}, "status takes no argument"},
-        {{"status", "--json"}, "--json only goes with nodes, watch or stats"},
+        {{"set", "ttl", "1", "--json"}, "--json only goes with status, nodes, watch or stats"},
         {{"nodes", "--limit", "2"}, "--limit only goes with watch"},
         {{"watch", "--limit=0"}, "--limit needs a whole number from 1"},
         {{"--address=", "status"}, "--address needs a bus address"},
