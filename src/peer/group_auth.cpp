@@ -275,9 +275,10 @@ bool group_auth::make_room_locked(gint64 now)
 void group_auth::note_challenge(const std::uint8_t* data, const sockaddr_storage& source)
 {
     const node_id own = m_own_id;
-    if (data[1] != PEER_MESSAGE_VERSION || read_big_endian(data + 12, 6) != own || read_big_endian(data + 6, 6) == own)
-        return;
     const std::uint64_t nonce = read_big_endian(data + 18, 8);
+    if (data[1] != PEER_MESSAGE_VERSION || read_big_endian(data + 12, 6) != own || read_big_endian(data + 6, 6) == own ||
+        nonce == 0)
+        return;
     const std::uint64_t mark = read_big_endian(data + 26, 8);
     const gint64 now = m_monotonic();
     {
