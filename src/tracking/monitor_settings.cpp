@@ -6,6 +6,8 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <cstring>
+
 namespace kw {
 
 bool monitor::get_enabled() const
@@ -99,6 +101,18 @@ bool monitor::set_ipv6_group(const std::string& text)
     return set_multicast_group(AF_INET6, text);
 }
 
+namespace {
+
+// The same group written in another form ("FF05::78", "ff05:0::78").
+bool same_address(int family, const std::string& text, const std::string& other)
+{
+    in6_addr one {}, two {};
+    return inet_pton(family, text.c_str(), &one) == 1 && inet_pton(family, other.c_str(), &two) == 1 &&
+           std::memcmp(&one, &two, sizeof one) == 0;
+}
+
+} // namespace
+
 bool monitor::set_multicast_group(int family, const std::string& text)
 {
     const bool ipv4 = family == AF_INET;
@@ -106,17 +120,25 @@ bool monitor::set_multicast_group(int family, const std::string& text)
     bool readable = ipv4 ? m_settings.get_ipv4_group(current) : m_settings.get_ipv6_group(current);
     if (!is_multicast_group(family, text) || !readable)
         return false;
-    if (text == current)
+    // Nothing changes, not even the stored text.
+    if (same_address(family, text, current))
         return true;
 
-    // The nodes stay known; only the chains of that family move to the new group.
+    // The nodes stay known; only the chains of that family move to the new
+    // group. Every new chain is made before an old one goes, so one that
+    // cannot be made leaves every interface on the old group.
     if (m_running) {
-        send_leave();
+        const auto which = ipv4 ? monitor_interface::ipv4 : monitor_interface::ipv6;
         for (auto& [name, interface] : m_interfaces) {
-            bool moved = ipv4 ? interface->set_ipv4_address(text) : interface->set_ipv6_address(text);
-            if (!moved)
+            if (!interface->prepare_address(which, text)) {
+                for (auto& [other, prepared] : m_interfaces)
+                    prepared->abandon_address(which);
                 return false;
+            }
         }
+        send_leave();
+        for (auto& [name, interface] : m_interfaces)
+            interface->commit_address(which);
     }
     if (ipv4)
         m_settings.set_ipv4_group(text);

@@ -174,7 +174,8 @@ TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
     engine.process_tick(); // reports 3
     EXPECT_TRUE(engine.set_ttl(9));
     EXPECT_TRUE(engine.announce_tick());
-    EXPECT_TRUE(engine.set_group(lab_group) && engine.set_ipv4_group(lab_ipv4_group)); // unchanged: nothing sent
+    // Unchanged, if written in another form: nothing sent, nothing stored.
+    EXPECT_TRUE(engine.set_group(lab_group) && engine.set_ipv4_group(lab_ipv4_group) && engine.set_ipv6_group("FF05:0::77"));
     EXPECT_TRUE(engine.set_group(8));
     EXPECT_TRUE(engine.get_known_nodes().empty() && engine.get_lost_nodes().empty());
     cam.inject_announce(5);
@@ -185,7 +186,7 @@ TEST_F(monitor_test, what_the_monitor_sends_from_start_to_stop)
     EXPECT_TRUE(engine.set_enabled(false));
     EXPECT_FALSE(engine.is_running());
     EXPECT_EQ(events("SiblingDisconnected"), 1u) << "stopping raises no event";
-    for (const std::string line : {"TTL=9", "KinwatchGroup=8", "Enabled=false", "MulticastGroupIPv4=239.255.77.2"})
+    for (const std::string line : {"TTL=9", "KinwatchGroup=8", "Enabled=false", "MulticastGroupIPv4=239.255.77.2", "MulticastGroupIPv6=ff05::77"})
         EXPECT_NE(cam.config_text().find("\n" + line + "\n"), std::string::npos) << line;
 
     const std::string sent = "A 7 1 at 10.77.0.1 fd77::1, D 7 1 of 3, A 7/9 1 at 10.77.0.1 fd77::1, L 7/9 1, "
@@ -517,6 +518,50 @@ TEST_F(monitor_test, a_link_made_while_running_is_used_until_deleted_and_again_w
         ASSERT_TRUE(here.must_exec("ip link del eth1"));
         EXPECT_TRUE(settle_at(before));
     }
+}
+
+// A link up with IPv6 off and no address when the monitor starts is followed:
+// given an address 10 s later, it gets its chain, the fast-joining camera
+// announces there at once and learns a sibling there at the next tick. A
+// group write that meets the link deleted unseen, so that its new chain
+// cannot be made, leaves the other interface on the old group too.
+TEST_F(monitor_test, a_link_without_an_address_at_the_start_is_used_from_its_first_address)
+{
+    netns &here = *m_lab->host(0).ns, other("other");
+    ASSERT_TRUE(other.must_exec("ip link add eth1 type veth peer name eth0 && ip link set eth1 netns " + here.name() +
+                                " && ip addr add 10.78.0.2/24 dev eth0 && ip link set eth0 up"));
+    ASSERT_TRUE(here.must_exec("sysctl -qw net.ipv6.conf.eth1.disable_ipv6=1 && ip link set eth1 up"));
+    std::unique_ptr<probe> there, near;
+    {
+        netns_enter in(other);
+        ASSERT_TRUE(other.wait_until_up("eth0") && here.wait_until_up("eth1"));
+        ASSERT_TRUE(there = probe::open("eth0", lab_ipv4_group, lab_port));
+        netns_enter in_near(*m_lab->host(1).ns);
+        ASSERT_TRUE(near = probe::open("eth0", lab_ipv4_group, lab_port));
+    }
+    camera cam({.fast_join = true, .id = 1});
+    monitor& engine = start(cam);
+    for (int tick = 0; tick < 2; ++tick, cam.advance_us(5 * second))
+        engine.process_tick();
+    EXPECT_TRUE(there->idle());
+    ASSERT_TRUE(here.must_exec("ip addr add 10.78.0.1/24 dev eth1"));
+    ASSERT_TRUE(wait_until([&] { return (void)g_main_context_iteration(nullptr, FALSE), !there->idle(); }));
+    EXPECT_EQ(heard(*there, 1), "A 7 1 at 10.78.0.1 ::, ");
+    {
+        netns_enter in(other);
+        auto sent = *announce(0x52, "10.78.0.2", "::")->encode();
+        mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1)->send(sent.data(), sent.size());
+    }
+    ASSERT_TRUE(wait_until([&] { return queued(cam, 0x52); }));
+    engine.process_tick();
+    EXPECT_EQ(place(engine, 0x52), "known");
+
+    heard(*near, 2); // the start's ANNOUNCE and the answer
+    ASSERT_TRUE(here.must_exec("ip link del eth1"));
+    EXPECT_FALSE(engine.set_ipv4_group("239.255.77.9"));
+    EXPECT_NE(cam.config_text().find("\nMulticastGroupIPv4=239.255.77.1\n"), std::string::npos);
+    engine.announce_tick();
+    EXPECT_EQ(heard(*near, 1), "A 7 1 at 10.77.0.1 fd77::1, ") << "no LEAVE, and still on the old group";
 }
 
 // Each datagram a receiver reads is counted by what became of it; so is
