@@ -6,6 +6,7 @@
 // of the input's bytes, naming the receiver, is answered with its nonce.
 #include "src/peer/group_auth.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -22,13 +23,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     kw::group_auth::work work = receiver->take_work();
     if ((taken && taken->get_node_id() != 1) || work.challenges.size() + work.answers.size() > 1)
         std::abort();
-    if (size >= 16) {
-        std::uint64_t nonce = 0;
-        std::memcpy(&nonce, data, sizeof nonce);
-        decode(sign(kw::peer_message::challenge_new(data[8] + 2, 1, 7, nonce, 0), 1), *receiver);
-        if (receiver->take_work().answers != std::vector<std::uint64_t>(nonce != 0, nonce))
-            std::abort();
-    }
+    std::uint64_t nonce = 0;
+    std::memcpy(&nonce, data, std::min(size, sizeof nonce));
+    decode(sign(kw::peer_message::challenge_new(2, 1, 7, nonce, 0), 1), *receiver);
+    if (receiver->take_work().answers != std::vector<std::uint64_t>(nonce != 0, nonce))
+        std::abort();
 
     auto plain = kw::peer_message::decode(data, ssize_t(size));
     if (!plain)

@@ -20,32 +20,32 @@ std::unique_ptr<group_auth> keyed(const std::string& digits, gint64* wall = null
     return auth;
 }
 
-bytes sign(group_auth& by, std::unique_ptr<peer_message> message, std::uint64_t sequence)
+bytes sign(group_auth& by, std::unique_ptr<peer_message> message, std::uint64_t sequence, std::uint64_t nonce = 0)
 {
-    by.sign(*message, sequence);
-    return *message->encode();
+    if (nonce)
+        message->set_nonce(nonce);
+    return by.sign(*message, sequence), *message->encode();
 }
 
 bytes announce(group_auth& by, std::uint64_t sequence, std::uint64_t nonce = 0, node_id from = sender)
 {
-    auto message = peer_message::announce_new(from, 7, in_addr {1}, in6_addr {});
-    message->set_nonce(nonce);
-    return sign(by, std::move(message), sequence);
+    return sign(by, peer_message::announce_new(from, 7, in_addr {1}, in6_addr {}), sequence, nonce);
 }
 
 // What the receiver made of a datagram, then what it asks the main thread for:
-// "accepted", a refusal, "duplicate" or "dropped"; "+ challenge <id> <mark>",
+// "accepted", "duplicate", a refusal or "dropped"; "+ challenge <id> <mark>",
 // "+ answer <nonce>".
 std::string judge(group_auth& receiver, const bytes& datagram, std::uint64_t* nonce = nullptr)
 {
-    static const char* const names[] = {"no trailer", "unknown key", "bad MAC", "replayed", "over limit", "unverified"};
-    std::uint64_t before[group_auth::refusal_count], duplicates = receiver.duplicates();
-    for (int r = 0; r < group_auth::refusal_count; ++r)
-        before[r] = receiver.refused(group_auth::refusal(r));
+    static const char* const names[] = {"duplicate", "no trailer", "unknown key", "bad MAC", "replayed", "over limit", "unverified"};
+    auto counts = [&](int r) { return r ? receiver.refused(group_auth::refusal(r - 1)) : receiver.duplicates(); };
+    std::vector<std::uint64_t> before;
+    for (int r = 0; r <= group_auth::refusal_count; ++r)
+        before.push_back(counts(r));
     auto message = receiver.decode(datagram.data(), ssize_t(datagram.size()), sockaddr_storage {});
-    std::string verdict = message ? "accepted" : receiver.duplicates() > duplicates ? "duplicate" : "dropped";
-    for (int r = 0; r < group_auth::refusal_count; ++r)
-        verdict = receiver.refused(group_auth::refusal(r)) > before[r] ? names[r] : verdict;
+    std::string verdict = message ? "accepted" : "dropped";
+    for (int r = 0; r <= group_auth::refusal_count; ++r)
+        verdict = counts(r) > before[std::size_t(r)] ? names[r] : verdict;
     EXPECT_TRUE(!message || message->encode() == bytes(datagram.begin(), datagram.begin() + long(message->encode()->size())));
     group_auth::work work = receiver.take_work();
     for (const auto& c : work.challenges)
@@ -136,18 +136,13 @@ TEST(group_auth, a_flood_of_new_senders_and_challenges_stays_bounded_and_counted
     const std::size_t capacity = group_auth::challenge_capacity, flood = 4 * capacity;
     for (int second = 0; second < 3; ++second, now += group_auth::challenge_interval_us) {
         std::size_t challenged = 0, answers = 0;
-        for (std::size_t i = 0; i < flood; ++i) {
-            const bytes datagram = announce(*forger, 1, 0, 0x100000 + second * flood + i);
-            const bytes challenge = sign(*forger, peer_message::challenge_new(9, own, 7, 1 + second * flood + i, 0), 1);
-            EXPECT_EQ(receiving->decode(datagram.data(), ssize_t(datagram.size()), {}), nullptr);
-            EXPECT_EQ(receiving->decode(challenge.data(), ssize_t(challenge.size()), {}), nullptr);
-            group_auth::work work = i % 64 ? group_auth::work {} : receiving->take_work();
+        for (std::size_t i = 0, n = second * flood; i < flood; ++i, ++n) {
+            for (const bytes& d : {announce(*forger, 1, 0, 0x100000 + n), sign(*forger, peer_message::challenge_new(9, own, 7, 1 + n, 0), 1)})
+                EXPECT_EQ(receiving->decode(d.data(), ssize_t(d.size()), {}), nullptr);
+            group_auth::work work = i % 64 && i + 1 < flood ? group_auth::work {} : receiving->take_work();
             challenged += work.challenges.size(), answers += work.answers.size();
         }
-        group_auth::work rest = receiving->take_work();
-        EXPECT_EQ(challenged + rest.challenges.size(), capacity);
-        EXPECT_EQ(answers + rest.answers.size(), capacity);
-        EXPECT_EQ(receiving->pending(), capacity);
+        EXPECT_EQ(std::vector({challenged, answers, receiving->pending()}), std::vector(3, capacity));
     }
     EXPECT_EQ(receiving->senders(), 0u);
     EXPECT_EQ(receiving->refused(group_auth::unverified), 3 * flood);

@@ -109,6 +109,7 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
         {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1", true},
         {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3", true},
         {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", true},
+        {"IPv6MulticastGroup", g_variant_new_string("FF02:0::1"), "()", "MulticastGroupIPv6=ff02::1", false},
         {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true", true},
     };
     for (const auto& [name, value, reply, line, changed] : writes) {
