@@ -276,8 +276,8 @@ void group_auth::note_challenge(const std::uint8_t* data, const sockaddr_storage
 {
     const node_id own = m_own_id;
     const std::uint64_t nonce = read_big_endian(data + 18, 8);
-    if (data[1] != PEER_MESSAGE_VERSION || read_big_endian(data + 12, 6) != own || read_big_endian(data + 6, 6) == own ||
-        nonce == 0)
+    const node_id challenger = read_big_endian(data + 6, 6), challenged = read_big_endian(data + 12, 6);
+    if (data[1] != PEER_MESSAGE_VERSION || challenged != own || challenger == own || nonce == 0)
         return;
     const std::uint64_t mark = read_big_endian(data + 26, 8);
     const gint64 now = m_monotonic();
@@ -326,7 +326,8 @@ group_auth::work group_auth::take_work()
                 continue;
             found->second.queued = false;
             auto known = m_senders.find(sender);
-            taken.challenges.push_back({sender, found->second.nonce, known != m_senders.end() ? known->second.mark : 0});
+            const std::uint64_t mark = known != m_senders.end() ? known->second.mark : 0;
+            taken.challenges.push_back({sender, found->second.nonce, mark});
         }
         m_due.clear();
         taken.answers.swap(m_answers);

@@ -149,7 +149,9 @@ private:
     void note_challenge(const std::uint8_t* body, const sockaddr_storage& source);
     void wake();
 
-    mutable std::mutex m_lock; // guards m_keys, m_senders, m_epoch, m_pending, m_room_at, m_due and everything of answers
+    // Guards m_keys, m_senders, m_epoch, m_pending, m_room_at, m_due, m_answers,
+    // m_answer_window, m_answers_in_window and m_raise_to.
+    mutable std::mutex m_lock;
     std::shared_ptr<const group_keys> m_keys;
     std::unordered_map<node_id, sender_state> m_senders;
     std::uint32_t m_epoch = 0;

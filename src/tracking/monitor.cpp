@@ -100,7 +100,8 @@ bool monitor::start()
     // Challenges are made and answered at once, not at the next tick: a
     // sibling that restarted is accepted within a round trip.
     if (m_environment.auth)
-        m_challenge_watch_id = g_unix_fd_add(m_environment.auth->wake_fd(), G_IO_IN, &monitor::challenges_trampoline, this);
+        m_challenge_watch_id =
+            g_unix_fd_add(m_environment.auth->wake_fd(), G_IO_IN, &monitor::challenges_trampoline, this);
 
     m_running = true;
     m_answer_due = false;
