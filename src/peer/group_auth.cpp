@@ -143,6 +143,14 @@ std::unique_ptr<peer_message> group_auth::decode(const std::uint8_t* data, ssize
         length > ssize_t(PEER_MESSAGE_TRAILER_LENGTH) ? std::size_t(length) - PEER_MESSAGE_TRAILER_LENGTH : 0;
     if (data == nullptr || !known_layout(data[0], body))
         return refuse(no_trailer, source);
+    // The sender's id lies at offset 6 of every kind of message. A challenge
+    // naming another node and an answer to another node's challenge are none
+    // of our business and cost no MAC: when a whole group starts at once,
+    // every camera hears every other's.
+    const node_id sender = read_big_endian(data + 6, 6);
+    const std::uint64_t nonce = body == answer_length ? read_big_endian(data + PEER_MESSAGE_ANNOUNCE_LENGTH, 8) : 0;
+    if (data[0] == CHALLENGE ? read_big_endian(data + 12, 6) != m_own_id : nonce != 0 && !awaited(sender, nonce))
+        return nullptr;
 
     std::shared_ptr<const group_keys> keys = this->keys();
     int index = keys->find(std::uint32_t(read_big_endian(data + body, 4)));
@@ -161,13 +169,17 @@ std::unique_ptr<peer_message> group_auth::decode(const std::uint8_t* data, ssize
         note_challenge(data, source);
         return nullptr;
     }
-    // The sender's id lies at offset 6 of every kind of message. Our own
-    // datagrams, heard on another port, are the tick's to drop.
-    const node_id sender = read_big_endian(data + 6, 6);
-    const std::uint64_t nonce = body == answer_length ? read_big_endian(data + PEER_MESSAGE_ANNOUNCE_LENGTH, 8) : 0;
+    // Our own datagrams, heard on another port, are the tick's to drop.
     if (sender != m_own_id && !fresh(sender, read_big_endian(data + body + 4, 8), nonce, source))
         return nullptr;
     return peer_message::decode(data, ssize_t(nonce != 0 ? PEER_MESSAGE_ANNOUNCE_LENGTH : body));
+}
+
+bool group_auth::awaited(node_id sender, std::uint64_t nonce) const
+{
+    std::lock_guard lock(m_lock);
+    auto pending = m_pending.find(sender);
+    return pending != m_pending.end() && pending->second.nonce == nonce;
 }
 
 bool group_auth::fresh(node_id sender, std::uint64_t sequence, std::uint64_t nonce, const sockaddr_storage& source)
@@ -269,15 +281,14 @@ bool group_auth::make_room_locked(gint64 now)
     return m_pending.size() < challenge_capacity;
 }
 
-// A challenge naming this node: its nonce is answered (at most
+// A genuine challenge naming this node: its nonce is answered (at most
 // challenge_capacity a second), and our numbers go above its mark, so that
 // the challenger's later checks pass without another challenge.
 void group_auth::note_challenge(const std::uint8_t* data, const sockaddr_storage& source)
 {
     const node_id own = m_own_id;
     const std::uint64_t nonce = read_big_endian(data + 18, 8);
-    const node_id challenger = read_big_endian(data + 6, 6), challenged = read_big_endian(data + 12, 6);
-    if (data[1] != PEER_MESSAGE_VERSION || challenged != own || challenger == own || nonce == 0)
+    if (data[1] != PEER_MESSAGE_VERSION || read_big_endian(data + 6, 6) == own || nonce == 0)
         return;
     const std::uint64_t mark = read_big_endian(data + 26, 8);
     const gint64 now = m_monotonic();

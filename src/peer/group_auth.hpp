@@ -96,7 +96,8 @@ public:
     // check, in this order: length, key identifier, MAC (in constant time),
     // freshness. A refusal is counted with its source; a copy of a message
     // accepted already is dropped and counted apart. A challenge is never
-    // returned: one naming this node is kept for the main thread to answer.
+    // returned: one naming this node is kept for the main thread to answer,
+    // others are dropped before any check, as are answers to others.
     std::unique_ptr<peer_message> decode(const std::uint8_t* data, ssize_t length, const sockaddr_storage& source);
 
     // Readable while work waits for the main thread.
@@ -142,6 +143,8 @@ private:
 
     std::nullptr_t refuse(refusal reason, const sockaddr_storage& source);
     void note_source(refusal reason, const sockaddr_storage& source);
+    // Whether a challenge to the sender with that nonce waits for its answer.
+    bool awaited(node_id sender, std::uint64_t nonce) const;
     bool fresh(node_id sender, std::uint64_t sequence, std::uint64_t nonce, const sockaddr_storage& source);
     void take(sender_state& state, std::uint64_t sequence, gint64 now);
     bool challenge_locked(node_id sender, gint64 now, const sockaddr_storage& source);

@@ -72,10 +72,10 @@ TEST(group_auth, a_sender_is_taken_only_once_it_answered_a_challenge)
     } rows[] = {
         {announce(*sending, 10'000'000), 0, "unverified + challenge 5 0"},
         {announce(*sending, 11'000'000), 0, "unverified"}, // one challenge a second
-        {announce(*sending, 12'000'000, 77), 0, "unverified"},
-        {announce(*stranger, 12'000'000, 1), 0, "unknown key"},
+        {announce(*sending, 12'000'000, 77), 0, "dropped"}, // an answer to another node: no check
+        {announce(*stranger, 12'000'000), 0, "unknown key"},
         {{}, 0, "accepted"}, // the answer, made below with the nonce
-        {{}, 0, "duplicate"},
+        {{}, 0, "dropped"}, // its copy, an answer to nobody now
         {sign(*sending, peer_message::dispatched_new(sender, 9, 7), 13'000'000), 0, "accepted"},
         {sign(*sending, peer_message::dispatched_new(sender, 9, 7), 13'000'000), 0, "duplicate"},
         {announce(*sending, 12'500'000), 0, "duplicate + challenge 5 13000000"}, // a late copy, or numbers gone back
@@ -99,17 +99,20 @@ TEST(group_auth, a_sender_is_taken_only_once_it_answered_a_challenge)
 }
 
 // Any byte changed: a type the length does not fit, an unknown key
-// identifier, or a bad MAC, and nothing taken or answered; unchanged, each
-// kind is taken from a sender proven fresh, and a challenge is answered.
+// identifier, a bad MAC, or a challenge or answer meant for another node,
+// and nothing taken or answered; unchanged, each kind is taken from a sender
+// proven fresh (the answer to a challenge that a late copy brought too), and
+// a challenge is answered.
 TEST(group_auth, every_single_byte_change_of_a_keyed_datagram_is_refused)
 {
     auto sending = keyed("a"), receiving = keyed("ba");
     std::uint64_t nonce = 0;
     judge(*receiving, announce(*sending, 1), &nonce);
     ASSERT_EQ(judge(*receiving, announce(*sending, 2, nonce)), "accepted");
+    ASSERT_EQ(judge(*receiving, announce(*sending, 1), &nonce), "duplicate + challenge 5 2");
     const std::pair<bytes, std::string> kinds[] = {
         {announce(*sending, 3), "accepted"},
-        {announce(*sending, 4, 55), "accepted"}, // an answer to someone else
+        {announce(*sending, 4, nonce), "accepted"},
         {sign(*sending, peer_message::dispatched_new(sender, 9, 7), 5), "accepted"},
         {sign(*sending, peer_message::leave_new(sender, 7), 6), "accepted"},
         {sign(*sending, peer_message::challenge_new(sender, own, 7, 66, 0), 7), "dropped + answer 66"},
@@ -119,7 +122,8 @@ TEST(group_auth, every_single_byte_change_of_a_keyed_datagram_is_refused)
         for (std::size_t at = 0; at < datagram.size(); ++at) {
             bytes changed = datagram;
             changed[at] ^= 0x5a;
-            EXPECT_EQ(judge(*receiving, changed), at == 0 ? "no trailer" : at - trailer < 4 ? "unknown key" : "bad MAC")
+            const bool addressee = datagram[0] == CHALLENGE ? at - 12 < 6 : datagram.size() == 68 && (at - 6 < 6 || at - 32 < 8);
+            EXPECT_EQ(judge(*receiving, changed), at == 0 ? "no trailer" : at - trailer < 4 ? "unknown key" : addressee ? "dropped" : "bad MAC")
                 << datagram.size() << " bytes, byte " << at;
         }
         EXPECT_EQ(judge(*receiving, datagram), verdict);
