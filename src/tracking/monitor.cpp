@@ -290,6 +290,8 @@ gboolean monitor::challenges_trampoline(gint, GIOCondition, gpointer self)
 
 void monitor::send_challenges()
 {
+    if (!m_environment.auth)
+        return;
     group_auth::work work = m_environment.auth->take_work();
     for (const group_auth::challenge& c : work.challenges)
         broadcast(peer_message::challenge_new(m_own_node_id, c.sender, m_settings.get_group(), c.nonce, c.mark));
