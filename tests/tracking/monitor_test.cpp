@@ -306,10 +306,8 @@ bool queued(camera& cam, node_id id)
 
 std::uint64_t stat(camera& cam, const std::string& name)
 {
-    for (auto [key, value] : cam.engine()->get_statistics())
-        if (key == name)
-            return value;
-    return ~0ull;
+    auto all = cam.engine()->get_statistics();
+    return std::ranges::find_if(all, [&](auto& counter) { return counter.first == name; })->second;
 }
 
 // What a probe heard meanwhile, added to what it heard before.
