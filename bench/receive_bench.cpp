@@ -13,8 +13,9 @@
 // the ratio queued/plain.
 //
 // Keyed: the receiving thread checks every datagram with a group_auth (the
-// -k option), and the sender signs each one with a new sequence number, so
-// every datagram passes all the checks and is queued.
+// -k option), which took the sender once it answered a challenge, and the
+// sender signs each one with a new sequence number, so every datagram passes
+// all the checks and is queued.
 
 #include "bench/brief.hpp"
 #include "src/peer/group_auth.hpp"
@@ -94,6 +95,21 @@ void receive_under_flood(benchmark::State& state, const char* group, bool keyed)
     auto plain = mcast_receiver::create("rx0", group, port);
     auto queue = message_queue::create(receive_queue_capacity);
     auto receiver = socket ? monitor_receiver::create(*socket, *queue, 7, {keyed ? checker.get() : nullptr}) : nullptr;
+    // The checker takes the sender only once it has answered a challenge.
+    auto signed_bytes = [&](std::unique_ptr<peer_message> message) {
+        signer->sign(*message, signer->next_sequence());
+        return *message->encode();
+    };
+    auto first = signed_bytes(peer_message::leave_new(0x020000000001ULL, 7));
+    checker->decode(first.data(), ssize_t(first.size()), {});
+    auto answer = peer_message::announce_new(0x020000000001ULL, 7, {}, {});
+    auto challenges = checker->take_work().challenges;
+    answer->set_nonce(challenges.empty() ? 0 : challenges[0].nonce);
+    auto answer_bytes = signed_bytes(std::move(answer));
+    if (keyed && !checker->decode(answer_bytes.data(), ssize_t(answer_bytes.size()), {})) {
+        state.SkipWithError("the challenge was not answered");
+        return;
+    }
     if (!sender || !plain || !receiver || !receiver->start()) {
         state.SkipWithError("setup failed");
         return;

@@ -64,20 +64,33 @@ GLogWriterOutput write_to_syslog(GLogLevelFlags level, const GLogField* fields, 
     return G_LOG_WRITER_HANDLED;
 }
 
-// Puts the caller's process in the background; only the grandchild returns.
+// Puts the caller's process in the background; only the grandchild returns,
+// with /dev/null on its standard input and, on its standard output, the pipe
+// that the calling process waits on for the word that the start succeeded.
 int detach(char** error)
 {
     // Opened first, so that every failure before the forks is still reported
     // by the process that the caller started.
-    unique_fd null_device(::open("/dev/null", O_RDWR));
+    unique_fd null_device(::open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!null_device)
         return fail_errno(error, "open /dev/null");
+    unique_pipe started;
+    if (!started.open())
+        return fail_errno(error, "pipe");
 
     pid_t child = ::fork();
     if (child < 0)
         return fail_errno(error, "fork");
-    if (child > 0)
-        ::_exit(0);
+    if (child > 0) {
+        // The pipe ends without a word when the grandchild ends first.
+        started.write_end.reset();
+        char word = 0;
+        ssize_t got = 0;
+        while ((got = ::read(started.read_end.get(), &word, 1)) < 0 && errno == EINTR) {
+        }
+        ::_exit(got == 1 ? 0 : 1);
+    }
+    started.read_end.reset();
 
     if (::setsid() < 0)
         return fail_errno(error, "setsid");
@@ -93,13 +106,12 @@ int detach(char** error)
     if (::chdir("/") != 0)
         return fail_errno(error, "chdir /");
 
-    for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::dup2(null_device.get(), stream) < 0)
-            return fail_errno(error, "dup2 /dev/null");
-    }
+    if (::dup2(null_device.get(), STDIN_FILENO) < 0 || ::dup2(started.write_end.get(), STDOUT_FILENO) < 0)
+        return fail_errno(error, "dup2");
     // A descriptor that landed on a standard stream is that stream now.
-    if (null_device.get() <= STDERR_FILENO)
-        null_device.release();
+    for (unique_fd* fd : {&null_device, &started.write_end})
+        if (fd->get() <= STDERR_FILENO)
+            fd->release();
     return 0;
 }
 
@@ -124,8 +136,20 @@ int qvsd_daemon(const char* ident, int* /* option */, const char* name, const ch
     // openlog keeps the pointer for the life of the process; an interned
     // string lives as long.
     ::openlog(g_intern_string(syslog_ident), LOG_PID, LOG_DAEMON);
-    g_log_set_writer_func(write_to_syslog, nullptr, nullptr);
     return 0;
+}
+
+void qvsd_daemon_ready(int mode)
+{
+    if (mode != QVSD_DAEMON_BACKGROUND)
+        return;
+    const char word = 0;
+    while (::write(STDOUT_FILENO, &word, 1) < 0 && errno == EINTR) {
+    }
+    // Standard input is /dev/null, open for reading and writing.
+    ::dup2(STDIN_FILENO, STDOUT_FILENO);
+    ::dup2(STDIN_FILENO, STDERR_FILENO);
+    g_log_set_writer_func(write_to_syslog, nullptr, nullptr);
 }
 
 } // namespace kw

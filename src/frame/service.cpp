@@ -82,8 +82,8 @@ int service::run(int argc, char** argv)
     // command line must be resolved here, where the caller's directory still
     // applies; every later load and save then uses the same file.
     m_config_file = adopt(g_canonicalize_filename(m_config_file.get(), nullptr));
-    if (m_key_file && !load_keys())
-        return 1;
+    if (m_key_file)
+        m_key_file = adopt(g_canonicalize_filename(m_key_file.get(), nullptr));
     if (m_interfaces && !parse_interfaces())
         return 1;
 
@@ -105,7 +105,12 @@ int service::run(int argc, char** argv)
     // Its watchdog timer runs from here on, with the main loop.
     m_notifier = std::make_unique<systemd_notifier>();
 
-    // Made in the background process: a file monitor runs a GLib thread.
+    // In the process that runs: a memory lock does not survive a fork, and a
+    // file monitor runs a GLib thread. Whoever started the service still
+    // waits (until qvsd_daemon_ready), so a refused key file ends the start
+    // with status 1 and its warning on the caller's standard error.
+    if (m_key_file && !load_keys())
+        return 1;
     if (m_group_auth && !(m_key_file_observer = key_file_observer::create(m_key_file.get(), *m_group_auth)))
         return 1;
 
@@ -153,6 +158,7 @@ int service::run(int argc, char** argv)
 
     // Nothing in the service quits the loop; it normally ends by a signal,
     // and then no teardown runs.
+    qvsd_daemon_ready(mode);
     g_main_loop_run(m_main_loop.get());
     m_main_loop.reset();
     return 0;
@@ -192,11 +198,9 @@ void service::update_status()
     m_notifier->set_status(text);
 }
 
-// Before the service goes to the background, so the refusal reaches whoever
-// started it, and from a path resolved where it was started.
+// From the path resolved where the service was started.
 bool service::load_keys()
 {
-    m_key_file = adopt(g_canonicalize_filename(m_key_file.get(), nullptr));
     std::string error;
     m_group_auth = group_auth::create(group_keys::load(m_key_file.get(), error));
     if (!m_group_auth)

@@ -133,15 +133,19 @@ bool link_watcher::take_snapshot()
     if (!list)
         return false;
 
+    // A link without an address yet (IPv6 off, DHCP still to answer) is
+    // followed too, as one a new-link message enters: not up until its
+    // first address message.
     for (const ifaddrs* entry = list.get(); entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || (entry->ifa_flags & wanted_link_flags) != wanted_link_flags)
-            continue;
-        if (entry->ifa_addr->sa_family != AF_INET && entry->ifa_addr->sa_family != AF_INET6)
+        if ((entry->ifa_flags & wanted_link_flags) != wanted_link_flags)
             continue;
         known_link& known = m_interfaces[entry->ifa_name];
         known.index = rtnl_link_name2i(m_link_cache.get(), entry->ifa_name);
-        known.state.up = TRUE;
-        store_if_usable(known.state, entry->ifa_addr);
+        const int family = entry->ifa_addr ? entry->ifa_addr->sa_family : AF_UNSPEC;
+        if (family == AF_INET || family == AF_INET6) {
+            known.state.up = TRUE;
+            store_if_usable(known.state, entry->ifa_addr);
+        }
     }
     return true;
 }

@@ -95,8 +95,14 @@ bool mcast_receiver::bind_wildcard(int port)
 
 bool mcast_receiver::join(const std::string& interface, const std::string& group)
 {
+    // Index 0 would let the kernel choose an interface: a link gone meanwhile
+    // must fail the chain instead.
     unsigned index = if_nametoindex(interface.c_str());
     m_ifindex = index;
+    if (index == 0) {
+        g_warning("No interface %s to join %s on", interface.c_str(), group.c_str());
+        return false;
+    }
     if (is_ipv4()) {
         ip_mreqn request {};
         request.imr_multiaddr.s_addr = inet_addr(group.c_str());

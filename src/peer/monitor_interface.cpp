@@ -74,21 +74,45 @@ int monitor_interface::send_copy(family& f, const peer_message& message)
     return 1;
 }
 
-bool monitor_interface::set_address(family& f, const std::string& address)
+bool monitor_interface::prepare_address(address_family which, const std::string& address)
 {
-    if (address == f.address)
+    family& f = of(which);
+    f.next_address = address;
+    f.next_chain.reset();
+    if (address == f.address || !f.chain)
         return true;
-    f.address = address;
-    if (!f.chain)
-        return true;
-    // A running chain's stop first sends what is queued, still to the old group.
-    bool was_running = f.chain->is_running();
-    if (was_running)
-        stop(f);
-    teardown(f);
-    if (!setup(f))
+    f.next_chain = monitor_chain::create(m_name, address, m_port, m_ttl, m_receive_queue, m_group, m_checks);
+    if (!f.next_chain) {
+        g_warning("%s", f.setup_failed);
         return false;
-    return was_running ? start(f) : true;
+    }
+    return true;
+}
+
+void monitor_interface::commit_address(address_family which)
+{
+    family& f = of(which);
+    f.address = f.next_address;
+    if (!f.next_chain)
+        return;
+    // The old chain's stop first sends what is queued, still to the old group.
+    bool was_running = f.chain->is_running();
+    f.chain = std::move(f.next_chain);
+    if (was_running)
+        start(f);
+}
+
+void monitor_interface::abandon_address(address_family which)
+{
+    of(which).next_chain.reset();
+}
+
+bool monitor_interface::set_address(address_family which, const std::string& address)
+{
+    if (!prepare_address(which, address))
+        return false;
+    commit_address(which);
+    return true;
 }
 
 bool monitor_interface::setup_ipv4()
@@ -156,16 +180,6 @@ void monitor_interface::set_group(std::uint32_t group)
             f->chain->set_group(group);
     }
     m_group = group;
-}
-
-bool monitor_interface::set_ipv4_address(const std::string& address)
-{
-    return set_address(m_ipv4, address);
-}
-
-bool monitor_interface::set_ipv6_address(const std::string& address)
-{
-    return set_address(m_ipv6, address);
 }
 
 } // namespace kw

@@ -44,11 +44,19 @@ public:
     // True when every chain took the new TTL; the stored TTL changes only then.
     bool set_ttl(int ttl);
     void set_group(std::uint32_t group);
-    // True when the address is in force. A new address rebuilds the family's
-    // chain, which first sends what was queued to the old group, and restarts
-    // it if it was running.
-    bool set_ipv4_address(const std::string& address);
-    bool set_ipv6_address(const std::string& address);
+    // A new group address, in two steps so that a change across interfaces
+    // is all or nothing. prepare builds the family's chain on the new group
+    // beside the one in use (false, after a warning and with nothing changed,
+    // when it cannot be made); commit then puts it in place of the old chain,
+    // which first sends what was queued to the old group, and starts it if
+    // the old one ran; abandon drops it instead. Without a chain only the
+    // address is kept, for the next one.
+    enum address_family { ipv4, ipv6 };
+    bool prepare_address(address_family which, const std::string& address);
+    void commit_address(address_family which);
+    void abandon_address(address_family which);
+    // Both steps at once; true when the address is in force.
+    bool set_address(address_family which, const std::string& address);
 
     const std::string& name() const { return m_name; }
     // The interface's own addresses as the link watcher last reported them,
@@ -71,6 +79,9 @@ private:
         std::unique_ptr<monitor_chain> chain;
         const char* setup_failed;
         const char* start_failed;
+        // Made by prepare_address, until commit_address or abandon_address.
+        std::string next_address;
+        std::unique_ptr<monitor_chain> next_chain;
     };
 
     bool setup(family& f);
@@ -78,7 +89,7 @@ private:
     bool start(family& f);
     bool stop(family& f);
     int send_copy(family& f, const peer_message& message);
-    bool set_address(family& f, const std::string& address);
+    family& of(address_family which) { return which == ipv4 ? m_ipv4 : m_ipv6; }
 
     std::string m_name;
     std::uint16_t m_port;

@@ -161,6 +161,8 @@ void monitor_receiver::handle(const std::uint8_t* data, ssize_t length, std::uin
     case LEAVE:
         m_receive_queue.push(std::move(message));
         return;
+    case CHALLENGE:
+        break;
     }
     g_warning("Received an unrecognized message");
 }

@@ -18,6 +18,8 @@ std::size_t wire_length(peer_message_type type)
         return PEER_MESSAGE_DISPATCHED_LENGTH;
     case LEAVE:
         return PEER_MESSAGE_LEAVE_LENGTH;
+    case CHALLENGE:
+        return PEER_MESSAGE_CHALLENGE_LENGTH;
     }
     return 0;
 }
@@ -42,6 +44,12 @@ void write_node_id(std::uint8_t* at, node_id value)
 {
     for (int i = 0; i < 6; ++i)
         at[i] = static_cast<std::uint8_t>(value >> (40 - 8 * i));
+}
+
+void write_u64(std::uint8_t* at, std::uint64_t value)
+{
+    for (int i = 0; i < 8; ++i)
+        at[i] = static_cast<std::uint8_t>(value >> (56 - 8 * i));
 }
 
 node_id read_node_id(const std::uint8_t* at)
@@ -83,6 +91,16 @@ std::unique_ptr<peer_message> peer_message::leave_new(node_id id, std::uint32_t 
     return std::make_unique<peer_message>(private_tag {}, LEAVE, id, group);
 }
 
+std::unique_ptr<peer_message> peer_message::challenge_new(node_id id, node_id target, std::uint32_t group,
+                                                          std::uint64_t nonce, std::uint64_t mark)
+{
+    auto message = std::make_unique<peer_message>(private_tag {}, CHALLENGE, id, group);
+    message->m_dispatched_node_id = target;
+    message->m_nonce = nonce;
+    message->m_mark = mark;
+    return message;
+}
+
 std::unique_ptr<peer_message> peer_message::copy() const
 {
     return std::make_unique<peer_message>(*this);
@@ -102,8 +120,15 @@ std::optional<std::vector<std::uint8_t>> peer_message::encode() const
     if (m_type == ANNOUNCE) {
         std::memcpy(&buffer[12], &m_ipv4, 4);
         std::memcpy(&buffer[16], &m_ipv6, 16);
-    } else if (m_type == DISPATCHED) {
+    } else if (m_type == DISPATCHED || m_type == CHALLENGE) {
         write_node_id(&buffer[12], m_dispatched_node_id);
+    }
+    if (m_type == CHALLENGE) {
+        write_u64(&buffer[18], m_nonce);
+        write_u64(&buffer[26], m_mark);
+    } else if (m_type == ANNOUNCE && m_nonce != 0) {
+        buffer.resize(length + PEER_MESSAGE_NONCE_LENGTH);
+        write_u64(&buffer[length], m_nonce);
     }
     if (m_trailer)
         buffer.insert(buffer.end(), m_trailer->begin(), m_trailer->end());
@@ -156,6 +181,10 @@ void peer_message::print() const
         break;
     case LEAVE:
         g_debug("LEAVE: %012llu", static_cast<unsigned long long>(m_node_id));
+        break;
+    case CHALLENGE:
+        g_debug("CHALLENGE: %012llu -> %012llu", static_cast<unsigned long long>(m_node_id),
+                static_cast<unsigned long long>(m_dispatched_node_id));
         break;
     }
 }

@@ -29,6 +29,7 @@ struct peer_statistics {
     counter sent_announce {0};
     counter sent_dispatched {0};
     counter sent_leave {0};
+    counter sent_challenge {0};
     counter events_connected {0};
     counter events_disconnected {0};
     counter ticks {0};

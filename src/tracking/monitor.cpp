@@ -1,6 +1,7 @@
 #include "src/tracking/monitor.hpp"
 
 #include <arpa/inet.h>
+#include <glib-unix.h>
 
 #include <algorithm>
 
@@ -26,6 +27,8 @@ std::unique_ptr<monitor> monitor::create(settings& config, monitor_environment e
     if (!id)
         g_error("Failed to read mac address");
 
+    if (environment.auth)
+        environment.auth->set_own_id(*id);
     auto engine = std::make_unique<monitor>(private_tag {}, config, std::move(environment), *id);
     if (config.get_enabled() && engine->m_environment.run_state.is_running() && !engine->start())
         return nullptr; // the destructor stores Enabled false
@@ -98,6 +101,11 @@ bool monitor::start()
                              : g_timeout_add_seconds(process_period_seconds, &monitor::process_tick_trampoline, this);
     m_announce_timer_id =
         g_timeout_add_seconds(announce_period_seconds, &monitor::announce_tick_trampoline, this);
+    // Challenges are made and answered at once, not at the next tick: a
+    // sibling that restarted is accepted within a round trip.
+    if (m_environment.auth)
+        m_challenge_watch_id =
+            g_unix_fd_add(m_environment.auth->wake_fd(), G_IO_IN, &monitor::challenges_trampoline, this);
 
     m_running = true;
     m_answer_due = false;
@@ -109,7 +117,7 @@ bool monitor::start()
 
 void monitor::remove_timers()
 {
-    for (guint* id : {&m_process_timer_id, &m_announce_timer_id}) {
+    for (guint* id : {&m_process_timer_id, &m_announce_timer_id, &m_challenge_watch_id}) {
         if (*id == 0)
             continue;
         if (GSource* source = g_main_context_find_source_by_id(nullptr, *id))
@@ -280,7 +288,7 @@ void monitor::broadcast(std::unique_ptr<peer_message> message)
     count_sent(message->get_type(), sent);
 }
 
-void monitor::send_announce()
+void monitor::send_announce(std::uint64_t nonce)
 {
     if (!m_running)
         return;
@@ -289,6 +297,7 @@ void monitor::send_announce()
     for (auto& [name, interface] : m_interfaces) {
         auto message = peer_message::announce_new(m_own_node_id, m_settings.get_group(), interface->own_ipv4(),
                                                   interface->own_ipv6());
+        message->set_nonce(nonce);
         message->print();
         if (m_environment.auth)
             m_environment.auth->sign(*message, sequence);
@@ -301,7 +310,8 @@ void monitor::count_sent(peer_message_type type, int datagrams)
 {
     peer_statistics::counter& sent = type == ANNOUNCE     ? m_statistics.sent_announce
                                      : type == DISPATCHED ? m_statistics.sent_dispatched
-                                                          : m_statistics.sent_leave;
+                                     : type == LEAVE      ? m_statistics.sent_leave
+                                                          : m_statistics.sent_challenge;
     peer_statistics::add(sent, static_cast<std::uint64_t>(datagrams));
 }
 
@@ -317,6 +327,23 @@ void monitor::record_all_left()
     for (monitor_table* table : {m_known_nodes.get(), m_lost_nodes.get()})
         if (table)
             table->foreach([this](monitor_message_type& record) { m_changes.record(node_change::left, record); });
+}
+
+gboolean monitor::challenges_trampoline(gint, GIOCondition, gpointer self)
+{
+    static_cast<monitor*>(self)->send_challenges();
+    return G_SOURCE_CONTINUE;
+}
+
+void monitor::send_challenges()
+{
+    if (!m_environment.auth)
+        return;
+    group_auth::work work = m_environment.auth->take_work();
+    for (const group_auth::challenge& c : work.challenges)
+        broadcast(peer_message::challenge_new(m_own_node_id, c.sender, m_settings.get_group(), c.nonce, c.mark));
+    for (std::uint64_t nonce : work.answers)
+        send_announce(nonce);
 }
 
 void monitor::send_leave()

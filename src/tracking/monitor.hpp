@@ -99,12 +99,16 @@ public:
 
     // Hands every interface its own copy, if running; the message is freed.
     void broadcast(std::unique_ptr<peer_message> message);
-    void send_announce();
+    // With a nonce: the answer to a challenge (see group_auth).
+    void send_announce(std::uint64_t nonce = 0);
     void send_leave();
 
     // The 5-second and 55-second timer bodies; both keep their timer.
     bool process_tick();
     bool announce_tick();
+    // Sends the challenges and answers the receiving threads asked for; the
+    // main loop calls it as soon as group_auth wakes it.
+    void send_challenges();
 
     // Settings operations used by the bus and the package observer. Every
     // successful change is written to the configuration file at once.
@@ -160,6 +164,7 @@ public:
 private:
     static gboolean process_tick_trampoline(gpointer self);
     static gboolean announce_tick_trampoline(gpointer self);
+    static gboolean challenges_trampoline(gint fd, GIOCondition condition, gpointer self);
 
     void interface_changed(const interface_state& state, const std::string& name);
     bool add_interface(const std::string& name);
@@ -191,6 +196,7 @@ private:
     bool m_reporter = false;
     guint m_announce_timer_id = 0;
     guint m_process_timer_id = 0;
+    guint m_challenge_watch_id = 0;
     settings& m_settings;
     monitor_environment m_environment;
     node_id m_own_node_id;

@@ -74,6 +74,8 @@ bool monitor::process_tick()
         case LEAVE:
             process_leave(*message);
             break;
+        case CHALLENGE: // the receivers keep challenges for group_auth
+            break;
         }
     }
 

@@ -6,6 +6,8 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <cstring>
+
 namespace kw {
 
 bool monitor::get_enabled() const
@@ -99,6 +101,18 @@ bool monitor::set_ipv6_group(const std::string& text)
     return set_multicast_group(AF_INET6, text);
 }
 
+namespace {
+
+// The same group written in another form ("FF05::78", "ff05:0::78").
+bool same_address(int family, const std::string& text, const std::string& other)
+{
+    in6_addr one {}, two {};
+    return inet_pton(family, text.c_str(), &one) == 1 && inet_pton(family, other.c_str(), &two) == 1 &&
+           std::memcmp(&one, &two, sizeof one) == 0;
+}
+
+} // namespace
+
 bool monitor::set_multicast_group(int family, const std::string& text)
 {
     const bool ipv4 = family == AF_INET;
@@ -106,17 +120,25 @@ bool monitor::set_multicast_group(int family, const std::string& text)
     bool readable = ipv4 ? m_settings.get_ipv4_group(current) : m_settings.get_ipv6_group(current);
     if (!is_multicast_group(family, text) || !readable)
         return false;
-    if (text == current)
+    // Nothing changes, not even the stored text.
+    if (same_address(family, text, current))
         return true;
 
-    // The nodes stay known; only the chains of that family move to the new group.
+    // The nodes stay known; only the chains of that family move to the new
+    // group. Every new chain is made before an old one goes, so one that
+    // cannot be made leaves every interface on the old group.
     if (m_running) {
-        send_leave();
+        const auto which = ipv4 ? monitor_interface::ipv4 : monitor_interface::ipv6;
         for (auto& [name, interface] : m_interfaces) {
-            bool moved = ipv4 ? interface->set_ipv4_address(text) : interface->set_ipv6_address(text);
-            if (!moved)
+            if (!interface->prepare_address(which, text)) {
+                for (auto& [other, prepared] : m_interfaces)
+                    prepared->abandon_address(which);
                 return false;
+            }
         }
+        send_leave();
+        for (auto& [name, interface] : m_interfaces)
+            interface->commit_address(which);
     }
     if (ipv4)
         m_settings.set_ipv4_group(text);
@@ -164,10 +186,14 @@ monitor::statistics_list monitor::get_statistics() const
         {"refused_unknown_key", refused(group_auth::unknown_key)},
         {"refused_bad_mac", refused(group_auth::bad_mac)},
         {"refused_replayed", refused(group_auth::replayed)},
+        {"refused_unverified", refused(group_auth::unverified)},
+        {"refused_over_limit", refused(group_auth::over_limit)},
         {"duplicates", m_environment.auth ? m_environment.auth->duplicates() : 0},
         {"sent_announce", c.sent_announce},
         {"sent_dispatched", c.sent_dispatched},
         {"sent_leave", c.sent_leave},
+        {"sent_challenge", c.sent_challenge},
+        {"answered_challenges", m_environment.auth ? m_environment.auth->answered() : 0},
         {"events_connected", c.events_connected},
         {"events_disconnected", c.events_disconnected},
         {"ticks", c.ticks},

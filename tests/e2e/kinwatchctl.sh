@@ -116,7 +116,7 @@ enabled|watch|0|^kinwatchctl: watching 1 known and 1 lost nodes; interrupt to st
 enabled|stats|0|^received_ipv4: +[1-9][0-9]*
 (.*
 )*queue_high_water: +[0-9]+$
-enabled|stats --json|0|^\{\"received_ipv4\":[1-9][0-9]*,(\"[a-z0-9_]+\":[0-9]+,){17}\"queue_high_water\":[0-9]+\}$
+enabled|stats --json|0|^\{\"received_ipv4\":[1-9][0-9]*,(\"[a-z0-9_]+\":[0-9]+,){21}\"queue_high_water\":[0-9]+\}$
 disabled|status|0|${settings}known nodes: - \(not enabled\)
 lost nodes:  - \(not enabled\)
 interfaces:  none$

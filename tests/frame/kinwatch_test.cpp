@@ -71,13 +71,13 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         {{"-n", "-c"}, fatal, false, {"Missing argument for -c"}},
         {{"-n", "-c", dir.file("missing.conf")}, 1, true, {"WARNING **: ", ": Failed to read configuration\n"}},
         {{"-n", "-c", bad_ttl}, 1, true, {": Failed to set up monitor\n"}},
-        // A refused key file stops the start before anything else is done.
-        {key_file("shared.key", key, 0640), 1, false, {"shared.key: readable or writable by group or others (mode 0640)"}},
-        {key_file("hex.key", "# ok\n" + key + key.substr(1, 63) + "x\n"), 1, false, {"hex.key: line 3 is not a key of 64 hex digits\n"}},
-        {key_file("short.key", key.substr(32)), 1, false, {"short.key: line 1 is not a key of 64 hex digits\n"}},
-        {key_file("empty.key", "# none\n"), 1, false, {"empty.key: no key\n"}},
-        {key_file("five.key", key + key + "\n# rotated\n" + key + key + key), 1, false, {"five.key: more than 4 keys\n"}},
-        {{"-n", "-c", bad_ttl, "-k", dir.file("missing.key")}, 1, false, {"missing.key: cannot open: No such file or directory\n"}},
+        // A refused key file stops the start before the configuration is read.
+        {key_file("shared.key", key, 0640), 1, true, {"shared.key: readable or writable by group or others (mode 0640)"}},
+        {key_file("hex.key", "# ok\n" + key + key.substr(1, 63) + "x\n"), 1, true, {"hex.key: line 3 is not a key of 64 hex digits\n"}},
+        {key_file("short.key", key.substr(32)), 1, true, {"short.key: line 1 is not a key of 64 hex digits\n"}},
+        {key_file("empty.key", "# none\n"), 1, true, {"empty.key: no key\n"}},
+        {key_file("five.key", key + key + "\n# rotated\n" + key + key + key), 1, true, {"five.key: more than 4 keys\n"}},
+        {{"-n", "-c", bad_ttl, "-k", dir.file("missing.key")}, 1, true, {"missing.key: cannot open: No such file or directory\n"}},
         // So does a list of interfaces that cannot be meant.
         {{"-n", "-c", bad_ttl, "-I", ""}, 1, false, {": Invalid -I/--interfaces: an empty list\n"}},
         {{"-n", "-c", bad_ttl, "--interfaces=e*,,x"}, 1, false, {": Invalid -I/--interfaces: an empty pattern in \"e*,,x\"\n"}},

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# kinwatch -c RELATIVE, sent to the background: the detached service works in
-# "/", yet loads and rewrites the file its caller named. Runs in a private
-# mount and network namespace, with a bus of its own at the system address.
+# kinwatch -c RELATIVE -k RELATIVE, sent to the background: the detached
+# service works in "/", yet loads and rewrites the file its caller named, and
+# holds its keys in locked memory; a bad key file ends the launcher with
+# status 1. Runs in a private mount and network namespace, with a bus of its
+# own at the system address.
 #   relative_config_test.sh KINWATCH POLICY
 set -u
 [[ $(id -u) == 0 ]] || exit 77
@@ -25,7 +27,11 @@ dbus-daemon --config-file="$dir/bus.conf" --nofork --nopidfile </dev/null >/dev/
 bus_pid=$!
 printf '# dropped\n[Settings]\nTTL=3\nEnabled=true\nMulticastGroupIPv4=239.255.77.1\nMulticastGroupIPv6=ff05::77
 MulticastPort=21844\nInterface=lo\nKinwatchGroup=1\nMaxHosts=256\n' >"$dir/kinwatch.conf"
-(cd "$dir" && "$binary" -c kinwatch.conf) || fail "the launcher failed"
+printf '%064d\n' 7 >"$dir/group.key" && printf 'x\n' >"$dir/bad.key" && chmod 600 "$dir/group.key" "$dir/bad.key"
+# The launcher waits for the detached service's start: a bad key file ends it with status 1, the reason on its stderr.
+errors=$(cd "$dir" && "$binary" -c kinwatch.conf -k bad.key 2>&1)
+[[ $? == 1 && $errors == *"/bad.key: line 1 is not a key of 64 hex digits" ]] || fail "a bad key file: $errors"
+(cd "$dir" && "$binary" -c kinwatch.conf -k group.key) || fail "the launcher failed"
 
 driver() { timeout 5 gdbus call --system --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
   --method "org.freedesktop.DBus.$1" com.tavix.Kinwatch 2>/dev/null; }
@@ -34,6 +40,9 @@ kinwatch() { timeout 5 gdbus call --system --dest com.tavix.Kinwatch --object-pa
 for ((tries = 0; tries < 200; tries++)); do driver NameHasOwner | grep -q true && break; sleep 0.1; done
 pid=$(driver GetConnectionUnixProcessID | sed -n 's/.*uint32 \([0-9]*\).*/\1/p')
 [[ -n $pid && $(readlink "/proc/$pid/cwd") == / ]] || fail "no detached service owns the name"
+# The sanitizers' runtimes make mlock do nothing.
+ldd "$binary" | grep -q 'lib[at]san' || [[ $(awk '/^VmLck:/ {print $2}' "/proc/$pid/status") -gt 0 ]] ||
+  fail "the keys are not in locked memory"
 [[ $(kinwatch Get TTL) == "(<byte 0x03>,)" ]] || fail "TTL is not the file's: $(kinwatch Get TTL)"
 grep -q dropped "$dir/kinwatch.conf" && fail "the start did not rewrite the file"
 kinwatch Set TTL "<byte 2>" >/dev/null || fail "the TTL write was refused"

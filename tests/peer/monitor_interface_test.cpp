@@ -87,8 +87,8 @@ TEST_F(monitor_interface_lab, sends_on_both_families_with_its_ttl_never_to_itsel
     // chain rebuilt with the stored TTL; destruction sends what is left.
     for (node_id id : {11, 12, 13})
         interface->send(peer_message::leave_new(id, 7));
-    EXPECT_TRUE(interface->set_ipv4_address(ipv4_group));
-    ASSERT_TRUE(interface->set_ipv4_address("239.255.77.2"));
+    EXPECT_TRUE(interface->set_address(monitor_interface::ipv4, ipv4_group));
+    ASSERT_TRUE(interface->set_address(monitor_interface::ipv4, "239.255.77.2"));
     for (node_id id : {14, 21, 22})
         interface->send(peer_message::leave_new(id, 7));
     interface.reset();
@@ -157,7 +157,7 @@ TEST_F(monitor_interface_lab, a_failed_chain_spares_the_other_family_and_each_re
               chain + "create", "monitor_interface: failed to setup ipv6 chain"}));
     m_log.clear();
     EXPECT_FALSE(interface->start_ipv6());
-    EXPECT_TRUE(interface->set_ipv4_address(ipv4_group) && interface->setup_ipv4() && interface->start_ipv4());
+    EXPECT_TRUE(interface->set_address(monitor_interface::ipv4, ipv4_group) && interface->setup_ipv4() && interface->start_ipv4());
     EXPECT_TRUE(m_log.lines().empty());
     interface.reset();
 

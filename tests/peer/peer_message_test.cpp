@@ -68,7 +68,8 @@ TEST(peer_message, decoder_accepts_only_the_three_type_and_length_pairs_of_versi
           {announce_bytes, 32, 1, 1}, {dispatched_bytes, 19, 1, 1}, {dispatched_bytes, 17, 1, 1}, {dispatched_bytes, 18, 2, 1},
           {leave_bytes, 12, 2, 0}, {leave_bytes, 11, 2, 1}, {leave_bytes, 13, 2, 1}, {leave_bytes, 12, 3, 1},
           {announce_bytes, 32, 255, 1}, {announce_bytes, 1024, 0, 1}, {leave_bytes, 1, 2, 1},
-          {announce_bytes, 60, 0, 1}, {dispatched_bytes, 46, 1, 1}, {leave_bytes, 40, 2, 1}}) { // keyed lengths
+          {announce_bytes, 60, 0, 1}, {dispatched_bytes, 46, 1, 1}, {leave_bytes, 40, 2, 1}, // keyed lengths
+          {announce_bytes, 68, 0, 1}, {announce_bytes, 62, 3, 1}, {announce_bytes, 34, 3, 1}}) { // answer, challenge
         wire[0] = std::uint8_t(type), wire[1] = std::uint8_t(version);
         wire.resize(static_cast<std::size_t>(length), 0);
         EXPECT_FALSE(decode(wire)) << length << " bytes, type " << type << ", version " << version;

@@ -110,6 +110,7 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
         {"Group", g_variant_new_uint32(4294967295u), "()", "KinwatchGroup=-1", 1},
         {"IPv4MulticastGroup", g_variant_new_string("239.1.2.3"), "()", "MulticastGroupIPv4=239.1.2.3", 1},
         {"IPv6MulticastGroup", g_variant_new_string("ff02::1"), "()", "MulticastGroupIPv6=ff02::1", 1},
+        {"IPv6MulticastGroup", g_variant_new_string("FF02:0::1"), "()", "MulticastGroupIPv6=ff02::1", 0},
         {"Enabled", g_variant_new_boolean(TRUE), "()", "Enabled=true", 2},
     };
     const std::string started = "PropertiesChanged ('com.tavix.Kinwatch.Monitor1', {'Interfaces': "

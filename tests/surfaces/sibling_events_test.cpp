@@ -56,7 +56,7 @@ TEST(sibling_events, each_event_is_also_an_entry_with_its_message_id_and_the_sib
     g_log_set_writer_func(&keep, &told, nullptr);
     in_addr ipv4 {htonl(0x0a010203)};
     in6_addr ipv6 {{{0xfd, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3}}};
-    auto record = monitor_message_type::create(peer_message::announce_new(0x020000123456ULL, 1, ipv4, ipv6));
+    auto record = monitor_message_type::create(*peer_message::announce_new(0x020000123456ULL, 1, ipv4, ipv6));
     auto events = sibling_events::create();
     events->send_connected(*record);
     events->send_disconnected(*record);

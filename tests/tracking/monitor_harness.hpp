@@ -12,6 +12,7 @@
 
 #include <arpa/inet.h>
 
+#include <atomic>
 #include <optional>
 
 namespace kw::test {
@@ -54,13 +55,12 @@ inline std::string settings_text(const camera_options& o)
 
 class camera {
 public:
-    explicit camera(camera_options options = {}) : m_fast_join(options.fast_join)
+    explicit camera(camera_options options = {}) : m_fast_join(options.fast_join), m_keys(options.keys)
     {
         std::string error;
-        if (!options.keys.empty())
-            m_auth = group_auth::create(group_keys::parse(options.keys, "keys", error));
         if (!options.interfaces.empty())
             m_interfaces = interface_filter::parse(options.interfaces, error).value();
+        forget();
         m_dir.write("kinwatch.conf", settings_text(options));
         g_mkdir_with_parents(m_dir.file("sys/eth0").c_str(), 0755);
         m_dir.write("sys/eth0/address", mac_address::format(options.id) + "\n");
@@ -76,9 +76,21 @@ public:
         if (ns)
             inside.emplace(*ns);
         m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"),
-                                                  [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; },
+                                                  [this] { return ref(m_wall.get()); }, [this] { return m_monotonic.load(); },
                                                   m_fast_join, m_auth.get(), m_interfaces});
         return m_monitor.get();
+    }
+    // As a restarted process: no monitor (its LEAVE sent, Enabled kept), and
+    // a keyed camera's group_auth new, numbering from the wall clock.
+    void forget()
+    {
+        std::string error;
+        if (m_monitor && (m_monitor.reset(), true))
+            m_settings->set_enabled(true);
+        if (!m_keys.empty())
+            m_auth = group_auth::create(group_keys::parse(m_keys, "keys", error),
+                                        [this] { return g_date_time_to_unix(m_wall.get()) * G_USEC_PER_SEC; },
+                                        [this] { return m_monotonic.load(); });
     }
     monitor* engine() { return m_monitor.get(); }
     group_auth* auth() { return m_auth.get(); }
@@ -100,9 +112,11 @@ public:
 private:
     bool m_fast_join;
     interface_filter m_interfaces;
+    std::string m_keys;
     temp_dir m_dir;
     g_ptr<GDateTime> m_wall = adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0));
-    gint64 m_monotonic = 7 * G_TIME_SPAN_DAY; // as long after boot as any real reading
+    // Read by the receiving threads of a keyed camera too.
+    std::atomic<gint64> m_monotonic = 7 * G_TIME_SPAN_DAY; // as long after boot as any real reading
     std::unique_ptr<settings> m_settings;
     std::unique_ptr<group_auth> m_auth;
     std::unique_ptr<monitor> m_monitor;
