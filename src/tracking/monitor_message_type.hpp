@@ -2,6 +2,7 @@
 
 #include "platform/g_ptr.hpp"
 #include "src/peer/peer_message.hpp"
+#include "src/tracking/announce_spacing.hpp"
 #include "src/tracking/local_clock.hpp"
 
 #include <cstdint>
@@ -51,6 +52,10 @@ public:
     // Microseconds of the monotonic clock when the latest ANNOUNCE was processed.
     gint64 get_last_heard() const { return m_last_heard_us; }
 
+    // How often the node announces; a refresh hands it on to the new record.
+    announce_spacing& spacing() { return m_spacing; }
+    const announce_spacing& spacing() const { return m_spacing; }
+
     void set_stale(std::int32_t stale) { m_stale = stale; }
     std::int32_t is_stale() const { return m_stale; }
 
@@ -68,6 +73,7 @@ private:
     g_ptr<GDateTime> m_first_seen;
     g_ptr<GDateTime> m_last_seen;
     gint64 m_last_heard_us;
+    announce_spacing m_spacing;
     std::int32_t m_stale = 0;
 };
 

@@ -24,6 +24,7 @@ inline constexpr std::uint32_t lab_group = 7;
 struct camera_options {
     bool enabled = true, running = true, fast_join = false;
     int ttl = 1, max_hosts = 16;
+    unsigned announce_period = 0;
     std::uint32_t group = lab_group;
     node_id id = 0x020000000001ULL;
     std::string keys = ""; // a key file's text: the camera is keyed
@@ -53,7 +54,7 @@ inline std::string settings_text(const camera_options& o)
 
 class camera {
 public:
-    explicit camera(camera_options options = {}) : m_fast_join(options.fast_join)
+    explicit camera(camera_options options = {}) : m_fast_join(options.fast_join), m_period(options.announce_period)
     {
         std::string error;
         if (!options.keys.empty())
@@ -74,7 +75,7 @@ public:
             inside.emplace(*ns);
         m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"),
                                                   [this] { return ref(m_wall.get()); }, [this] { return m_monotonic; },
-                                                  m_fast_join, m_auth.get()});
+                                                  m_fast_join, m_period, m_auth.get()});
         return m_monitor.get();
     }
     monitor* engine() { return m_monitor.get(); }
@@ -96,6 +97,7 @@ public:
 
 private:
     bool m_fast_join;
+    unsigned m_period;
     temp_dir m_dir;
     g_ptr<GDateTime> m_wall = adopt(g_date_time_new_local(2026, 11, 22, 12, 0, 0.0));
     gint64 m_monotonic = 7 * G_TIME_SPAN_DAY; // as long after boot as any real reading
