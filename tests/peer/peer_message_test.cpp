@@ -149,17 +149,15 @@ TEST(message_queue, wakes_its_consumer_once_per_drain)
     auto queue = message_queue::create();
     unique_fd wake(eventfd(0, EFD_CLOEXEC));
     queue->set_wake(wake.get());
-    std::vector<std::thread> pushers;
-    for (int t = 0; t < 2; ++t)
-        pushers.emplace_back([&] {
-            for (int i = 0; i < 2000; ++i)
-                queue->push(peer_message::leave_new(1, 7));
-        });
+    auto push = [&] {
+        for (int i = 0; i < 2000; ++i)
+            queue->push(peer_message::leave_new(1, 7));
+    };
+    std::thread pushers[] = {std::thread(push), std::thread(push)};
     for (int taken = 0; taken < 4000;) {
         pollfd woken {wake.get(), POLLIN, 0};
         eventfd_t writes = 0;
-        ASSERT_EQ(poll(&woken, 1, 10000), 1);
-        ASSERT_EQ(eventfd_read(wake.get(), &writes), 0);
+        ASSERT_TRUE(poll(&woken, 1, 10000) == 1 && eventfd_read(wake.get(), &writes) == 0);
         EXPECT_EQ(writes, 1u);
         queue->rearm();
         while (queue->try_pop())
