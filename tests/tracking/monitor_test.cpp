@@ -145,9 +145,8 @@ std::string heard(probe& listener, int count)
         if (!m)
             return out + "nothing";
         auto own = m->get_type() == ANNOUNCE ? monitor_message_type::create(m->copy()) : nullptr;
-        // Appended, not prepended: GCC 12 takes "/" + to_string() for an overlapping copy in Release.
-        std::string ttl = i < 2 ? "" : "/";
-        ttl += i < 2 ? "" : std::to_string(d->ttl);
+        // Appended: GCC 12 takes "/" + to_string() for an overlapping copy in Release.
+        const std::string ttl = i < 2 ? "" : std::string("/").append(std::to_string(d->ttl));
         out += std::string(1, "ADL"[m->get_type() % 3]) + " " + std::to_string(m->get_group()) + ttl + " " +
                std::to_string(m->get_node_id()) +
                (m->get_type() == DISPATCHED ? " of " + std::to_string(m->get_dispatched_node_id()) : "") +
