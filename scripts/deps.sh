@@ -9,7 +9,7 @@ kw_packages=(
   libglib2.0-dev libnl-3-dev libnl-route-3-dev libsodium-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  iproute2 procps util-linux dbus-daemon tcpdump libglib2.0-bin faketime gdb
+  iproute2 procps util-linux dbus-daemon tcpdump libglib2.0-bin faketime gdb nftables
   dpkg-dev file man-db groff-base lintian
 )
 

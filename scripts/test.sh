@@ -42,7 +42,7 @@ for ns in $(ip netns list 2>/dev/null | awk '{print $1}' | grep '^kwt[0-9]*-' ||
   [[ -d /proc/$pid ]] || ip netns del "$ns" 2>/dev/null || true
 done
 # Labs of the end-to-end tests and benchmarks named after their creator.
-for dir in /tmp/kinwatch-lab-kw{quiet,bflood,bsoak,bsibmem}[0-9]*; do
+for dir in /tmp/kinwatch-lab-kw{quiet,bflood,bsoak,bsibmem,measure}[0-9]*; do
   [[ -d $dir ]] || continue
   lab=${dir#/tmp/kinwatch-lab-}
   [[ -d /proc/${lab##*[a-z]} ]] || scripts/lab --name "$lab" down

@@ -38,6 +38,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     char* ident = nullptr;
     char* key_file = nullptr;
     char* interfaces = nullptr;
+    char* announce_period = nullptr;
     const GOptionEntry entries[] = {
         {"no-daemon", 'n', 0, G_OPTION_ARG_NONE, &no_daemon, "Do not run in background", nullptr},
         {"config_file", 'c', 0, G_OPTION_ARG_STRING, &config_file, "Specify configuration file, -c <filename>",
@@ -49,6 +50,8 @@ bool service::parse_command_line(int* argc, char*** argv)
          "FILE"},
         {"interfaces", 'I', 0, G_OPTION_ARG_STRING, &interfaces,
          "Use only the interfaces PATTERNS admits (shell patterns, comma-separated, ! to exclude)", "PATTERNS"},
+        {"announce-period", 'p', 0, G_OPTION_ARG_STRING, &announce_period,
+         "Announce every SECONDS (1 to 55) and judge each sibling by its own period", "SECONDS"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
 
@@ -62,6 +65,7 @@ bool service::parse_command_line(int* argc, char*** argv)
     m_ident = adopt(ident);
     m_key_file = adopt(key_file);
     m_interfaces = adopt(interfaces);
+    m_announce_period_text = adopt(announce_period);
 
     if (parsed && !m_config_file) {
         g_ptr<char> help(g_option_context_get_help(context.get(), TRUE, nullptr));
@@ -76,7 +80,7 @@ bool service::parse_command_line(int* argc, char*** argv)
 
 int service::run(int argc, char** argv)
 {
-    if (!parse_command_line(&argc, &argv))
+    if (!parse_command_line(&argc, &argv) || !read_announce_period())
         return 1;
     // The background process works in "/", so a relative path given on the
     // command line must be resolved here, where the caller's directory still
@@ -123,6 +127,7 @@ int service::run(int argc, char** argv)
     // Starts itself when Enabled is set and the package runs.
     monitor_environment environment;
     environment.fast_join = m_fast_join;
+    environment.announce_period = m_announce_period;
     environment.auth = m_group_auth.get();
     environment.interfaces = m_interface_filter;
     m_monitor = monitor::create(*m_settings, std::move(environment));
@@ -162,6 +167,22 @@ int service::run(int argc, char** argv)
     g_main_loop_run(m_main_loop.get());
     m_main_loop.reset();
     return 0;
+}
+
+// Read as text, so that a bad value ends the start with status 1 and a line
+// that names the option, where the option parser would abort.
+bool service::read_announce_period()
+{
+    const char* text = m_announce_period_text.get();
+    if (!text)
+        return true;
+    guint64 seconds = 0;
+    if (!g_ascii_string_to_unsigned(text, 10, 1, 55, &seconds, nullptr)) {
+        g_warning("--announce-period must be a whole number of seconds from 1 to 55, not \"%s\"", text);
+        return false;
+    }
+    m_announce_period = static_cast<unsigned>(seconds);
+    return true;
 }
 
 // Before the service goes to the background, so the refusal reaches whoever

@@ -31,6 +31,8 @@ private:
     // False when no configuration file was given (the help is printed then).
     // A malformed command line ends the process.
     bool parse_command_line(int* argc, char*** argv);
+    // With -p: false, after a warning, when the value is not 1 to 55.
+    bool read_announce_period();
     // With -k: the keys, or false after a warning naming the file and the problem.
     bool load_keys();
     // With -I: the filter, or false after a warning naming the option.
@@ -40,6 +42,8 @@ private:
 
     bool m_no_daemon = false;
     bool m_fast_join = false;
+    unsigned m_announce_period = 0; // 0: not given
+    g_ptr<char> m_announce_period_text;
     g_ptr<char> m_config_file;
     g_ptr<char> m_ident;
     g_ptr<char> m_key_file;

@@ -1,5 +1,7 @@
 #include "src/peer/message_queue.hpp"
 
+#include <sys/eventfd.h>
+
 namespace kw {
 
 std::unique_ptr<message_queue> message_queue::create(std::size_t capacity)
@@ -9,16 +11,39 @@ std::unique_ptr<message_queue> message_queue::create(std::size_t capacity)
 
 bool message_queue::push(std::unique_ptr<peer_message> message)
 {
-    std::lock_guard lock(m_mutex);
-    if (m_items.size() >= m_capacity) {
-        ++m_dropped;
-        return false;
+    int wake = -1;
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_items.size() >= m_capacity) {
+            ++m_dropped;
+            return false;
+        }
+        m_items.push_back(std::move(message));
+        ++m_count;
+        m_high_water = std::max(m_high_water, m_items.size());
+        m_condition.notify_all();
+        if (m_wake_fd >= 0 && !m_wake_sent) {
+            m_wake_sent = true;
+            wake = m_wake_fd;
+        }
     }
-    m_items.push_back(std::move(message));
-    ++m_count;
-    m_high_water = std::max(m_high_water, m_items.size());
-    m_condition.notify_all();
+    // Outside the lock: a receiver never holds it across a system call.
+    if (wake >= 0)
+        eventfd_write(wake, 1);
     return true;
+}
+
+void message_queue::set_wake(int fd)
+{
+    std::lock_guard lock(m_mutex);
+    m_wake_fd = fd;
+    m_wake_sent = false;
+}
+
+void message_queue::rearm()
+{
+    std::lock_guard lock(m_mutex);
+    m_wake_sent = false;
 }
 
 std::unique_ptr<peer_message> message_queue::pop()

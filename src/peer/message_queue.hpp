@@ -59,6 +59,14 @@ public:
     // The pushes refused since the last call; never waits.
     std::uint32_t take_dropped() { return m_dropped.exchange(0); }
 
+    // Makes a push tell the consumer that something waits, by writing to fd
+    // (an eventfd; -1: nobody to tell). One push writes, the next ones do not
+    // until the consumer calls rearm() before it drains, so a burst or a flood
+    // costs one write and one wake-up per drain, not one per message. The
+    // consumer keeps fd open until every pushing thread has ended.
+    void set_wake(int fd);
+    void rearm();
+
     // Waits until there is an element, then removes and returns the head.
     std::unique_ptr<peer_message> pop();
 
@@ -98,12 +106,14 @@ public:
 private:
     std::unique_ptr<peer_message> take_head();
 
-    mutable std::mutex m_mutex; // guards m_items, m_count and m_high_water
+    mutable std::mutex m_mutex; // guards the members down to m_wake_sent
     std::condition_variable m_condition;
     std::deque<std::unique_ptr<peer_message>> m_items;
     // Pops test the count, not the emptiness of the items.
     int m_count = 0;
     std::size_t m_high_water = 0;
+    int m_wake_fd = -1;       // guarded by m_mutex
+    bool m_wake_sent = false; // guarded by m_mutex
     const std::size_t m_capacity;
     std::atomic<std::uint32_t> m_dropped {0};
 };

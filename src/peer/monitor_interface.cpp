@@ -162,6 +162,17 @@ int monitor_interface::send(std::unique_ptr<peer_message> message)
     return send_copy(m_ipv4, *message) + send_copy(m_ipv6, *message);
 }
 
+sa_family_t monitor_interface::send_once(std::unique_ptr<peer_message> message, sa_family_t family)
+{
+    if (!message)
+        return AF_UNSPEC;
+    if (family != AF_INET6 && send_copy(m_ipv4, *message))
+        return AF_INET;
+    if (family != AF_INET && send_copy(m_ipv6, *message))
+        return AF_INET6;
+    return AF_UNSPEC;
+}
+
 bool monitor_interface::set_ttl(int ttl)
 {
     // An IPv4 chain that already took the new TTL keeps it when the IPv6 chain refuses.

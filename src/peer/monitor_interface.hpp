@@ -41,6 +41,11 @@ public:
     // Queues a copy on each running chain, so nothing piles up in a stopped
     // chain's queue. Takes the message; the number of copies queued.
     int send(std::unique_ptr<peer_message> message);
+    // Queues it on the family's running chain only; with AF_UNSPEC on IPv4's
+    // if it runs, else on IPv6's. The family used, AF_UNSPEC when none: what
+    // must reach a sibling in order goes on one family, since the two are
+    // received apart.
+    sa_family_t send_once(std::unique_ptr<peer_message> message, sa_family_t family = AF_UNSPEC);
     // True when every chain took the new TTL; the stored TTL changes only then.
     bool set_ttl(int ttl);
     void set_group(std::uint32_t group);

@@ -81,6 +81,18 @@ bool monitor::start()
     if (!m_events)
         g_error("Failed to setup events");
 
+    // Applied as they come: between two ticks at most the queue's bound for
+    // every process period's worth of announce periods, or a flood would keep
+    // the main thread busy.
+    const unsigned period = m_environment.announce_period;
+    if (m_environment.fast_join || period) {
+        const std::size_t periods = period ? (process_period_seconds + period - 1) / period : 1;
+        m_wake = receive_wake::create(*m_receive_queue, receive_queue_bound(m_settings.get_max_hosts()) * periods,
+                                      [this](std::size_t limit) { return apply_woken(limit); });
+        if (!m_wake)
+            g_error("Failed to create receive queue wake-up");
+    }
+
     // The registration replays the interfaces already up, so they get their
     // monitor_interface before this call returns.
     m_link_watcher = link_watcher::create();
@@ -100,7 +112,10 @@ bool monitor::start()
                              ? g_timeout_add(process_period_seconds * 1000, &monitor::process_tick_trampoline, this)
                              : g_timeout_add_seconds(process_period_seconds, &monitor::process_tick_trampoline, this);
     m_announce_timer_id =
-        g_timeout_add_seconds(announce_period_seconds, &monitor::announce_tick_trampoline, this);
+        period ? g_timeout_add(period * 1000, &monitor::announce_tick_trampoline, this)
+               : g_timeout_add_seconds(announce_period_seconds, &monitor::announce_tick_trampoline, this);
+    if (period)
+        m_expiry_timer_id = g_timeout_add(expiry_period_ms, &monitor::expiry_tick_trampoline, this);
     // Challenges are made and answered at once, not at the next tick: a
     // sibling that restarted is accepted within a round trip.
     if (m_environment.auth)
@@ -109,15 +124,19 @@ bool monitor::start()
 
     m_running = true;
     m_answer_due = false;
-    m_answered = false;
-    send_announce();
+    m_last_news_us = long_ago;
+    if (m_environment.fast_join || period)
+        send_leave_and_announce();
+    else
+        send_announce();
     tell_state_listeners();
     return true;
 }
 
 void monitor::remove_timers()
 {
-    for (guint* id : {&m_process_timer_id, &m_announce_timer_id, &m_challenge_watch_id}) {
+    for (guint* id : {&m_process_timer_id, &m_announce_timer_id, &m_expiry_timer_id, &m_answer_timer_id,
+                      &m_challenge_watch_id}) {
         if (*id == 0)
             continue;
         if (GSource* source = g_main_context_find_source_by_id(nullptr, *id))
@@ -146,6 +165,7 @@ void monitor::stop()
     // Stops and joins every chain's threads before the queue they push to goes.
     m_interfaces.clear();
     m_chained.clear();
+    m_wake.reset();
     note_high_water();
     drop_queued();
     m_receive_queue.reset();
@@ -303,6 +323,51 @@ void monitor::send_announce(std::uint64_t nonce)
             m_environment.auth->sign(*message, sequence);
         count_sent(ANNOUNCE, interface->send(std::move(message)));
     }
+    announced();
+}
+
+// Whatever an ANNOUNCE was sent for, it answers too.
+void monitor::announced()
+{
+    m_last_announce_us = m_environment.monotonic();
+    m_answer_due = false;
+    if (GSource* source = m_answer_timer_id ? g_main_context_find_source_by_id(nullptr, m_answer_timer_id) : nullptr)
+        g_source_destroy(source);
+    m_answer_timer_id = 0;
+}
+
+// A camera restarted without a LEAVE (a crash, a kill, a power cut) is still
+// in its siblings' tables, where its start's ANNOUNCE would be a mere refresh
+// that nobody answers and that a sibling's learnt period would count. A LEAVE
+// first makes it news to them. Both go on one family per interface: the two
+// families are received apart, and a sibling that heard the other family's
+// ANNOUNCE before the LEAVE would learn the camera twice. The other family
+// has its ANNOUNCE with the next one, an answer or a periodic one.
+void monitor::send_leave_and_announce()
+{
+    if (m_interfaces.empty())
+        return;
+    auto leave = peer_message::leave_new(m_own_node_id, m_settings.get_group());
+    leave->print();
+    std::uint64_t sequence = 0;
+    if (group_auth* auth = m_environment.auth) {
+        auth->sign(*leave, auth->next_sequence());
+        sequence = auth->next_sequence();
+    }
+    for (auto& [name, interface] : m_interfaces) {
+        sa_family_t family = interface->send_once(leave->copy());
+        if (family == AF_UNSPEC)
+            continue;
+        auto message = peer_message::announce_new(m_own_node_id, m_settings.get_group(), interface->own_ipv4(),
+                                                  interface->own_ipv6());
+        message->print();
+        if (m_environment.auth)
+            m_environment.auth->sign(*message, sequence);
+        interface->send_once(std::move(message), family);
+        count_sent(LEAVE, 1);
+        count_sent(ANNOUNCE, 1);
+    }
+    announced();
 }
 
 // Datagrams queued for sending, one per running chain.

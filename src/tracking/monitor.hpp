@@ -15,12 +15,15 @@
 #include "src/tracking/local_clock.hpp"
 #include "src/tracking/monitor_table.hpp"
 #include "src/tracking/node_changes.hpp"
+#include "src/tracking/receive_wake.hpp"
 
 #include <glib.h>
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -37,10 +40,14 @@ struct monitor_environment {
     std::string sysfs_root = mac_address::default_sysfs_root;
     local_clock clock = system_local_now;
     monotonic_clock monotonic = system_monotonic_now;
-    // Answer with an ANNOUNCE at once when a tick learns a node, when an
-    // interface gets its first running chain after the start, and when a
-    // DISPATCHED declares this node lost; at most once per process period.
+    // Apply what teaches something new as it comes, and answer with an
+    // ANNOUNCE at once when a node is learnt, when an interface gets its first
+    // running chain after the start, and when a DISPATCHED declares this node
+    // lost; at most one answer in any answer_spacing_us.
     bool fast_join = false;
+    // Seconds between ANNOUNCEs (-p), and each sibling judged silent after a
+    // limit learnt from its own period; 0: the original 55 s and 60 s.
+    unsigned announce_period = 0;
     // The authenticated group's keys and state (the -k option), or none: then
     // every datagram is plain, as without the option. Outlives the monitor.
     group_auth* auth = nullptr;
@@ -72,6 +79,10 @@ public:
     // Silent means: more than this many microseconds of the monotonic clock
     // since last heard. A step of the wall clock changes nothing.
     static constexpr GTimeSpan silence_limit_us = 59'999'999;
+    // With --announce-period, silent siblings are looked for this often.
+    static constexpr guint expiry_period_ms = 250;
+    // Fast join: answers are at least this far apart, and from any ANNOUNCE.
+    static constexpr GTimeSpan answer_spacing_us = 500'000;
     // Changes kept for a listener that has not taken them: four per host
     // (both tables cleared twice over), never fewer than this.
     static constexpr std::size_t node_changes_floor = 1024;
@@ -109,6 +120,8 @@ public:
     // Sends the challenges and answers the receiving threads asked for; the
     // main loop calls it as soon as group_auth wakes it.
     void send_challenges();
+    // With --announce-period: applies what waits and expires silent siblings.
+    bool expiry_tick();
 
     // Settings operations used by the bus and the package observer. Every
     // successful change is written to the configuration file at once.
@@ -165,6 +178,8 @@ private:
     static gboolean process_tick_trampoline(gpointer self);
     static gboolean announce_tick_trampoline(gpointer self);
     static gboolean challenges_trampoline(gint fd, GIOCondition condition, gpointer self);
+    static gboolean expiry_tick_trampoline(gpointer self);
+    static gboolean answer_trampoline(gpointer self);
 
     void interface_changed(const interface_state& state, const std::string& name);
     bool add_interface(const std::string& name);
@@ -176,6 +191,15 @@ private:
     // Every node of both tables has left them, before they are dropped.
     void record_all_left();
     void drop_queued();
+    // Messages are applied in the order they came, at most limit of them. With
+    // defer, a refresh (an ANNOUNCE of a known node) waits for the tick.
+    enum class refreshes { apply, defer };
+    std::size_t apply_queued(std::size_t limit, refreshes what);
+    std::size_t apply_deferred();
+    std::size_t apply_woken(std::size_t limit);
+    void apply(std::unique_ptr<peer_message> message);
+    void send_leave_and_announce();
+    void announced();
     void process_announce(const peer_message& message);
     void process_dispatched(const peer_message& message);
     void process_leave(const peer_message& message);
@@ -202,10 +226,21 @@ private:
     node_id m_own_node_id;
     bool m_running = false;
     // Fast join: names of the interfaces with a running chain, an answer
-    // asked for, an answer sent since the last process tick began.
+    // asked for and the timer of one that waits (answer_if_due).
     std::unordered_set<std::string> m_chained;
     bool m_answer_due = false;
-    bool m_answered = false;
+    guint m_answer_timer_id = 0;
+    // With --announce-period, the timer of expiry_tick().
+    guint m_expiry_timer_id = 0;
+    // Monotonic times of the last ANNOUNCE sent and of the last node learnt
+    // or DISPATCHED heard (the news that siblings may answer).
+    static constexpr gint64 long_ago = std::numeric_limits<gint64>::min() / 2;
+    gint64 m_last_announce_us = long_ago;
+    gint64 m_last_news_us = long_ago;
+    // With fast join or --announce-period: messages are applied as they come.
+    std::unique_ptr<receive_wake> m_wake;
+    // With fast join alone: refreshes that wait for the tick, in order.
+    std::deque<std::unique_ptr<peer_message>> m_deferred;
     peer_statistics m_statistics;
     node_changes m_changes {node_changes_floor};
     std::vector<std::pair<const void*, std::function<void()>>> m_state_listeners;

@@ -8,7 +8,7 @@
 
 namespace kw {
 
-static_assert(sizeof(monitor_message_type) == 56, "a record grows with every known sibling: keep it small");
+static_assert(sizeof(monitor_message_type) == 104, "a record grows with every known sibling: keep it small");
 
 std::optional<monitor_message_type> monitor_message_type::create(const peer_message& message,
                                                                  const local_clock& clock,

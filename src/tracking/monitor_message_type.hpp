@@ -1,6 +1,7 @@
 #pragma once
 
 #include "src/peer/peer_message.hpp"
+#include "src/tracking/announce_spacing.hpp"
 #include "src/tracking/local_clock.hpp"
 
 #include <netinet/in.h>
@@ -15,7 +16,7 @@ namespace kw {
 // ANNOUNCE, when it was first and last seen on the wall clock, when it was
 // last heard on the monotonic clock, and whether it has been marked silent.
 //
-// A plain value of 56 bytes that the tables hold in place, with no object
+// A plain value of 104 bytes that the tables hold in place, with no object
 // of its own behind it: a group of a thousand siblings costs a thousand of
 // these and their table entries, and refreshing a record allocates nothing.
 class monitor_message_type {
@@ -54,6 +55,10 @@ public:
     // Microseconds of the monotonic clock when the latest ANNOUNCE was processed.
     gint64 get_last_heard() const { return m_last_heard_us; }
 
+    // How often the node announces; a refresh hands it on to the new record.
+    announce_spacing& spacing() { return m_spacing; }
+    const announce_spacing& spacing() const { return m_spacing; }
+
     void set_stale(std::int32_t stale) { m_stale = stale; }
     std::int32_t is_stale() const { return m_stale; }
 
@@ -69,6 +74,7 @@ private:
     gint64 m_last_heard_us = 0;
     in6_addr m_ipv6 {};
     in_addr m_ipv4 {};
+    announce_spacing m_spacing;
     std::int32_t m_stale = 0;
 };
 

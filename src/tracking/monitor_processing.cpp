@@ -1,5 +1,7 @@
 // The monitor's periodic work: the 5-second tick applies what the receivers
 // queued and declares silent siblings lost, the 55-second tick announces.
+// With fast join or --announce-period, messages are also applied as they
+// come; with --announce-period, silent siblings are looked for every 250 ms.
 
 #include "src/tracking/monitor.hpp"
 
@@ -17,6 +19,19 @@ gboolean monitor::announce_tick_trampoline(gpointer self)
     return static_cast<monitor*>(self)->announce_tick() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
 
+gboolean monitor::expiry_tick_trampoline(gpointer self)
+{
+    return static_cast<monitor*>(self)->expiry_tick() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+gboolean monitor::answer_trampoline(gpointer self)
+{
+    auto* engine = static_cast<monitor*>(self);
+    engine->m_answer_timer_id = 0; // removes itself
+    engine->send_announce();
+    return G_SOURCE_REMOVE;
+}
+
 bool monitor::announce_tick()
 {
     if (!m_interfaces.empty())
@@ -24,13 +39,19 @@ bool monitor::announce_tick()
     return true;
 }
 
+// An answer goes out at once, or as soon as answer_spacing_us has passed since
+// the last ANNOUNCE: a hundred cameras starting together cause no storm, and
+// one answer tells every newcomer of the moment.
 void monitor::answer_if_due()
 {
-    if (!m_answer_due || m_answered)
+    if (!m_answer_due || m_answer_timer_id)
         return;
-    m_answer_due = false;
-    m_answered = true;
-    send_announce();
+    const gint64 wait_us = m_last_announce_us + answer_spacing_us - m_environment.monotonic();
+    if (wait_us <= 0)
+        send_announce();
+    else
+        m_answer_timer_id =
+            g_timeout_add(static_cast<guint>((wait_us + 999) / 1000), &monitor::answer_trampoline, this);
 }
 
 namespace {
@@ -42,7 +63,6 @@ constexpr std::size_t heap_trim_after = 256;
 
 bool monitor::process_tick()
 {
-    m_answered = false;
     if (!m_running)
         return true;
     peer_statistics::add(m_statistics.ticks);
@@ -51,6 +71,8 @@ bool monitor::process_tick()
         auth->prune([this](node_id id) { return m_known_nodes->lookup(id) || m_lost_nodes->lookup(id); });
         auth->warn_refusals(m_environment.monotonic());
     }
+    if (m_wake)
+        m_wake->refill();
     // Without an interface nothing is taken from the queue and nothing
     // expires; changes left over from a burst still go out at this pace.
     if (m_interfaces.empty()) {
@@ -59,25 +81,8 @@ bool monitor::process_tick()
     }
 
     // A busy queue lock ends the drain early; the rest waits for the next tick.
-    std::size_t taken = 0;
-    while (std::unique_ptr<peer_message> message = m_receive_queue->try_pop()) {
-        ++taken;
-        if (!applies(*message))
-            continue;
-        switch (message->get_type()) {
-        case ANNOUNCE:
-            process_announce(*message);
-            break;
-        case DISPATCHED:
-            process_dispatched(*message);
-            break;
-        case LEAVE:
-            process_leave(*message);
-            break;
-        case CHALLENGE: // the receivers keep challenges for group_auth
-            break;
-        }
-    }
+    std::size_t taken = apply_deferred();
+    taken += apply_queued(std::numeric_limits<std::size_t>::max(), refreshes::apply);
 
     if (std::uint32_t dropped = m_receive_queue->take_dropped()) {
         peer_statistics::add(m_statistics.queue_full, dropped);
@@ -93,6 +98,80 @@ bool monitor::process_tick()
     if (taken >= heap_trim_after)
         malloc_trim(0);
     return true;
+}
+
+bool monitor::expiry_tick()
+{
+    if (!m_running || m_interfaces.empty())
+        return true;
+    // Silence is judged on everything heard so far.
+    m_wake->drain();
+    expire_silent_nodes();
+    m_changes.notify();
+    return true;
+}
+
+// Between ticks (receive_wake): with fast join alone, what teaches something
+// new is applied now and a refresh waits for the tick, which applies it in
+// its 5-s round as without the option; with --announce-period everything is
+// applied now, since silence is measured from when a node was last heard.
+std::size_t monitor::apply_woken(std::size_t limit)
+{
+    if (!m_running || m_interfaces.empty())
+        return 0;
+    std::size_t taken =
+        apply_queued(limit, m_environment.announce_period ? refreshes::apply : refreshes::defer);
+    answer_if_due();
+    m_changes.notify();
+    return taken;
+}
+
+std::size_t monitor::apply_queued(std::size_t limit, refreshes what)
+{
+    std::size_t taken = 0;
+    while (taken < limit) {
+        std::unique_ptr<peer_message> message = m_receive_queue->try_pop();
+        if (!message)
+            break;
+        ++taken;
+        if (!applies(*message))
+            continue;
+        if (what == refreshes::defer && message->get_type() == ANNOUNCE &&
+            m_known_nodes->lookup(message->get_node_id()))
+            m_deferred.push_back(std::move(message));
+        else
+            apply(std::move(message));
+    }
+    return taken;
+}
+
+// A deferred refresh whose node has left the known table since was overtaken
+// by a LEAVE or a DISPATCHED applied at once; it must not bring the node back.
+std::size_t monitor::apply_deferred()
+{
+    const std::size_t count = m_deferred.size();
+    for (std::unique_ptr<peer_message>& message : m_deferred)
+        if (m_known_nodes->lookup(message->get_node_id()))
+            process_announce(*message);
+    m_deferred.clear();
+    return count;
+}
+
+void monitor::apply(std::unique_ptr<peer_message> message)
+{
+    switch (message->get_type()) {
+    case ANNOUNCE:
+        process_announce(*message);
+        break;
+    case DISPATCHED:
+        process_dispatched(*message);
+        break;
+    case LEAVE:
+        process_leave(*message);
+        break;
+    case CHALLENGE: // the receivers keep challenges for group_auth
+        break;
+    }
 }
 
 // A message of another group can still be queued when the group changes: a
@@ -115,6 +194,7 @@ bool monitor::applies(const peer_message& message)
 // Main thread only: nobody else pops, so the length tells what pop() finds.
 void monitor::drop_queued()
 {
+    m_deferred.clear();
     while (m_receive_queue->length() > 0)
         m_receive_queue->pop();
 }
@@ -132,10 +212,12 @@ void monitor::process_announce(const peer_message& message)
         return;
     monitor_message_type* stored = nullptr;
     if (m_known_nodes->lookup(id, &stored)) {
-        // A refresh keeps the first-seen time and takes the rest from the
-        // newest ANNOUNCE, in place: a sibling's announcements allocate
-        // nothing once it is known.
+        // A refresh keeps the first-seen time and what was learnt of the
+        // node's period, and takes the rest from the newest ANNOUNCE, in
+        // place: a sibling's announcements allocate nothing once it is known.
         record->set_first_seen(stored->get_first_seen());
+        record->spacing() = stored->spacing();
+        record->spacing().heard(record->get_last_heard(), stored->get_last_heard(), m_last_news_us);
         *stored = *record;
         stored->print();
         return;
@@ -150,6 +232,7 @@ void monitor::process_announce(const peer_message& message)
         return;
     }
     record->print();
+    m_last_news_us = record->get_last_heard();
     m_events->send_connected(*record);
     peer_statistics::add(m_statistics.events_connected);
     m_changes.record(node_change::joined, *record);
@@ -159,6 +242,7 @@ void monitor::process_announce(const peer_message& message)
 void monitor::process_dispatched(const peer_message& message)
 {
     message.print();
+    m_last_news_us = m_environment.monotonic();
     if (message.get_dispatched_node_id() == m_own_node_id)
         ask_answer(); // declared lost while alive
     std::optional<monitor_message_type> record = m_known_nodes->steal(message.get_dispatched_node_id());
@@ -189,12 +273,16 @@ void monitor::expire_silent_nodes()
     // Silence is measured on the monotonic clock (system_monotonic_now says
     // which and why), never on the wall clock that last seen shows: a step of
     // the wall clock neither loses a live sibling nor keeps a dead one.
+    // With --announce-period each node has the limit learnt from its own
+    // period (announce_spacing), never longer than the original one.
     const gint64 now = m_environment.monotonic();
+    const bool own_limits = m_environment.announce_period != 0;
     std::size_t live_below = 0;
     std::vector<node_id> silent = m_known_nodes->filter_ids([&](const monitor_message_type& record) {
         if (!record.is_stale() && record.get_node_id() < m_own_node_id)
             ++live_below;
-        return now - record.get_last_heard() > silence_limit_us;
+        const GTimeSpan limit = own_limits ? record.spacing().silence_limit_us(silence_limit_us) : silence_limit_us;
+        return now - record.get_last_heard() > limit;
     });
 
     for (node_id id : silent) {

@@ -56,6 +56,7 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         return std::vector<std::string> {"-n", "-c", bad_ttl, "-k", path};
     };
     const std::string key = std::string(64, 'a') + "\n";
+    auto period = [&](const char* value) { return std::vector<std::string> {"-n", "-c", bad_ttl, "-p", value}; };
     const struct {
         std::vector<std::string> args;
         int status;
@@ -66,7 +67,9 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
                             "Specify configuration file, -c <filename>", "-i, --ident", "The name of the process, -i <ident>",
                             "-f, --fast-join", "Answer a newly heard sibling with an ANNOUNCE at once",
                             "-k, --key-file=FILE", "Authenticate the group with the keys in FILE", "-I, --interfaces=PATTERNS",
-                            "Use only the interfaces PATTERNS admits (shell patterns, comma-separated, ! to exclude)"}},
+                            "Use only the interfaces PATTERNS admits (shell patterns, comma-separated, ! to exclude)",
+                            "-p, --announce-period=SECONDS",
+                            "Announce every SECONDS (1 to 55) and judge each sibling by its own period"}},
         {{"-n", "--bogus"}, fatal, false, {"Unknown option --bogus"}},
         {{"-n", "-c"}, fatal, false, {"Missing argument for -c"}},
         {{"-n", "-c", dir.file("missing.conf")}, 1, true, {"WARNING **: ", ": Failed to read configuration\n"}},
@@ -82,6 +85,10 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
         {{"-n", "-c", bad_ttl, "-I", ""}, 1, false, {": Invalid -I/--interfaces: an empty list\n"}},
         {{"-n", "-c", bad_ttl, "--interfaces=e*,,x"}, 1, false, {": Invalid -I/--interfaces: an empty pattern in \"e*,,x\"\n"}},
         {{"-n", "-c", bad_ttl, "-I", "e*,!"}, 1, false, {": Invalid -I/--interfaces: \"!\" without a pattern in \"e*,!\"\n"}},
+        // A bad period stops the start before anything else is done.
+        {period("0"), 1, false, {": --announce-period must be a whole number of seconds from 1 to 55, not \"0\"\n"}},
+        {period("56"), 1, false, {"55, not \"56\"\n"}}, {period("-1"), 1, false, {"55, not \"-1\"\n"}},
+        {period("1s"), 1, false, {"55, not \"1s\"\n"}}, {period(""), 1, false, {"55, not \"\"\n"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.args));

@@ -1,7 +1,10 @@
 #include "src/peer/message_queue.hpp"
+#include "platform/unique_fd.hpp"
 #include "tests/support/log_capture.hpp"
 
 #include <arpa/inet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -138,6 +141,31 @@ TEST(message_queue, hands_out_first_in_first_out_try_pop_never_waits_and_a_full_
     EXPECT_EQ(id_of(bounded->pop()), 1u);
     EXPECT_TRUE(bounded->push(nullptr));
     EXPECT_EQ(bounded->length(), 2);
+}
+
+// Pushes from two threads write the wake-up descriptor once until the
+// consumer rearms, so a drain never misses a message and never gets two writes.
+TEST(message_queue, wakes_its_consumer_once_per_drain)
+{
+    auto queue = message_queue::create();
+    unique_fd wake(eventfd(0, EFD_CLOEXEC));
+    queue->set_wake(wake.get());
+    auto push = [&] {
+        for (int i = 0; i < 2000; ++i)
+            queue->push(peer_message::leave_new(1, 7));
+    };
+    std::thread pushers[] = {std::thread(push), std::thread(push)};
+    for (int taken = 0; taken < 4000;) {
+        pollfd woken {wake.get(), POLLIN, 0};
+        eventfd_t writes = 0;
+        ASSERT_TRUE(poll(&woken, 1, 10000) == 1 && eventfd_read(wake.get(), &writes) == 0);
+        EXPECT_EQ(writes, 1u);
+        queue->rearm();
+        while (queue->try_pop())
+            ++taken;
+    }
+    for (auto& pusher : pushers)
+        pusher.join();
 }
 
 } // namespace

@@ -25,6 +25,7 @@ inline constexpr std::uint32_t lab_group = 7;
 struct camera_options {
     bool enabled = true, running = true, fast_join = false;
     int ttl = 1, max_hosts = 16;
+    unsigned announce_period = 0;
     std::uint32_t group = lab_group;
     node_id id = 0x020000000001ULL;
     std::string keys = ""; // a key file's text: the camera is keyed
@@ -55,7 +56,8 @@ inline std::string settings_text(const camera_options& o)
 
 class camera {
 public:
-    explicit camera(camera_options options = {}) : m_fast_join(options.fast_join), m_keys(options.keys)
+    explicit camera(camera_options options = {})
+        : m_fast_join(options.fast_join), m_period(options.announce_period), m_keys(options.keys)
     {
         std::string error;
         if (!options.interfaces.empty())
@@ -77,7 +79,7 @@ public:
             inside.emplace(*ns);
         m_monitor = monitor::create(*m_settings, {package(m_dir.file("packages")), m_dir.file("sys"),
                                                   [this] { return ref(m_wall.get()); }, [this] { return m_monotonic.load(); },
-                                                  m_fast_join, m_auth.get(), m_interfaces});
+                                                  m_fast_join, m_period, m_auth.get(), m_interfaces});
         return m_monitor.get();
     }
     // As a restarted process: no monitor (its LEAVE sent, Enabled kept), and
@@ -111,6 +113,7 @@ public:
 
 private:
     bool m_fast_join;
+    unsigned m_period;
     interface_filter m_interfaces;
     std::string m_keys;
     temp_dir m_dir;

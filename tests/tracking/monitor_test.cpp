@@ -302,26 +302,75 @@ TEST_F(monitor_test, nothing_of_the_old_group_survives_a_group_change)
     EXPECT_FALSE(m_log.contains(G_LOG_LEVEL_DEBUG, "DISPATCHED: 000000000001 -> 000000000067"));
 }
 
-// Learning two nodes in a tick, and a DISPATCHED naming this node, each make
-// one answer with fast join; a refresh makes none, and the plain monitor never answers.
-TEST_F(monitor_test, fast_join_answers_once_per_tick_that_learns_or_hears_itself_declared_lost)
+// Fast join: the start says LEAVE and ANNOUNCE on IPv4 alone; what teaches
+// something new is applied as it comes, and answered at once but never within
+// 500 ms of the last ANNOUNCE; a refresh waits for the tick. The plain monitor
+// applies everything at its tick and never answers.
+TEST_F(monitor_test, fast_join_applies_news_as_it_comes_and_answers_at_most_twice_a_second)
 {
     for (bool fast_join : {false, true}) {
-        auto listener = listen();
-        ASSERT_TRUE(listener);
+        SCOPED_TRACE(fast_join);
+        std::unique_ptr<probe> v4, v6;
+        {
+            netns_enter inside(*m_lab->host(1).ns);
+            v4 = probe::open("eth0", lab_ipv4_group, lab_port), v6 = probe::open("eth0", lab_ipv6_group, lab_port);
+            ASSERT_TRUE(v4 && v6);
+        }
         camera cam({.fast_join = fast_join, .id = 1});
         monitor& engine = start(cam);
-        cam.inject_announce(3), cam.inject_announce(4);
-        engine.process_tick();
+        auto run_loop = [](int ms) {
+            for (gint64 end = g_get_monotonic_time() + ms * 1000; g_get_monotonic_time() < end;)
+                if (!g_main_context_iteration(nullptr, FALSE))
+                    g_usleep(1000);
+        };
+        cam.advance_us(second);
         cam.inject_announce(3);
-        engine.process_tick();
+        run_loop(100);
+        EXPECT_EQ(place(engine, 3), fast_join ? "known" : "none");
+        cam.advance_us(second / 4);
+        cam.inject_announce(3), cam.inject_announce(4);
+        run_loop(100);
+        EXPECT_EQ(engine.get_known_nodes().size(), fast_join ? 2u : 0u);
+        monitor_message_type* three = nullptr; // a refresh waits for the tick
+        EXPECT_TRUE(!fast_join || (engine.get_known_nodes_table()->lookup(3, &three) && three->get_last_heard() == 7 * G_TIME_SPAN_DAY + second));
+        const std::string announce = "A 7 1 at 10.77.0.1 fd77::1, ", later = "A 7/1 1 at 10.77.0.1 fd77::1, ";
+        EXPECT_EQ(heard(*v6, 1), announce); // the start's, or the first answer
+        EXPECT_TRUE(v6->idle()) << "the second answer waits until 500 ms after the first";
+        run_loop(300);
+        cam.advance_us(second);
         cam.inject(peer_message::dispatched_new(3, 1, lab_group));
         engine.process_tick();
-        const std::string announce = "A 7 1 at 10.77.0.1 fd77::1, ";
-        EXPECT_EQ(heard(*listener, fast_join ? 3 : 1),
-                  fast_join ? announce + announce + "A 7/1 1 at 10.77.0.1 fd77::1, " : announce);
+        EXPECT_EQ(engine.get_known_nodes().size(), 2u);
+        EXPECT_EQ(heard(*v4, fast_join ? 5 : 1), fast_join ? "L 7 1, " + announce + later + later + later : announce);
+        EXPECT_EQ(heard(*v6, fast_join ? 2 : 0), fast_join ? announce + announce : "");
         engine.stop();
-        EXPECT_EQ(heard(*listener, 1), "L 7 1, ") << "nothing else was sent";
+        EXPECT_EQ(heard(*v4, 1), "L 7 1, ") << "nothing else was sent";
+    }
+}
+
+// With --announce-period each sibling is judged by its own period: one heard
+// every second is lost 3.25 s after it was last heard, but not after two lost
+// ANNOUNCEs; one every 55 s, whose answers to news come every second, only
+// after the original 60 s (which the plain rule's own test covers).
+TEST_F(monitor_test, announce_period_judges_each_sibling_by_its_own_period)
+{
+    camera cam({.announce_period = 1, .id = 1});
+    monitor& engine = start(cam);
+    cam.inject_announce(3), cam.inject_announce(5);
+    for (int t = 1; t <= 11; ++t) {
+        cam.advance_us(second);
+        cam.inject_announce(3), cam.inject_announce(3); // both families
+        if (t < 6) // news, and the 55-s sibling's answers to it
+            cam.inject_announce(0x40 + t), cam.inject_announce(5);
+        engine.process_tick();
+    }
+    // 3's two next ANNOUNCEs are lost and the third is late; 5 was last heard 9 s ago.
+    const std::pair<GTimeSpan, const char*> steps[] = {{3 * second + second / 4 - 1, "knownknown"}, {2, "lostknown"},
+                                                       {51 * second - second / 4 - 2, "lostknown"}, {1, "lostlost"}};
+    for (auto [step, places] : steps) {
+        cam.advance_us(step);
+        engine.process_tick();
+        EXPECT_EQ(place(engine, 3) + place(engine, 5), places) << step;
     }
 }
 
