@@ -60,33 +60,72 @@ wait_ticks() { # <count>
 }
 
 # ANNOUNCEs of siblings 1..COUNT from camera 2's namespace, paced at 1,000
-# siblings a second; signed with the key when one is given.
+# siblings a second; signed with the key when one is given. A keyed camera
+# takes a sender it holds no mark for only once the sender answers its
+# CHALLENGE with an ANNOUNCE that carries the nonce: the siblings answer as
+# cameras do, and a sibling not challenged yet (the camera challenges 256 at
+# a time) is announced again until every one has answered.
 announce() { # <count> [key]
   ip netns exec "kwlab-$name-c2" python3 - "$@" <<'PY'
-import hmac, hashlib, socket, struct, sys, time
+import hmac, hashlib, select, socket, struct, sys, time
 count = int(sys.argv[1])
 key = bytes.fromhex(sys.argv[2]) if len(sys.argv) > 2 else None
 key_id = hmac.new(key, b"kinwatch key identifier", hashlib.sha256).digest()[:4] if key else b""
 index = socket.if_nametoindex("eth0")
 v4 = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 v4.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, struct.pack("4s4si", bytes(4), bytes(4), index))
+v4.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
 v6 = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
 v6.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, struct.pack("i", index))
+heard = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+heard.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+heard.bind(("239.255.78.1", 21845))
+heard.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, struct.pack("4s4si", socket.inet_aton("239.255.78.1"), bytes(4), index))
+heard.setblocking(False)
 sequence = time.time_ns() // 1000
-start = time.monotonic()
-for i in range(1, count + 1):
+
+def body(i, nonce=b""):
     # Group 1, node 0a:00:00:00:xx:xx, 10.79.x.x and fd79::x.
-    data = b"\x00\x01\x00\x00\x00\x01" + (0x0a0000000000 + i).to_bytes(6, "big") + \
-        bytes([10, 79, i >> 8, i & 255]) + bytes.fromhex("fd79" + "00" * 10) + i.to_bytes(4, "big")
+    return b"\x00\x01\x00\x00\x00\x01" + (0x0a0000000000 + i).to_bytes(6, "big") + \
+        bytes([10, 79, i >> 8, i & 255]) + bytes.fromhex("fd79" + "00" * 10) + i.to_bytes(4, "big") + nonce
+
+def send(data, both=True):
+    global sequence
     if key:
-        head = key_id + (sequence + i).to_bytes(8, "big")
+        sequence += 1
+        head = key_id + sequence.to_bytes(8, "big")
         data += head + hmac.new(key, data + head, hashlib.sha256).digest()[:16]
     v4.sendto(data, ("239.255.78.1", 21845))
-    v6.sendto(data, ("ff05::78", 21845))
+    if both:
+        v6.sendto(data, ("ff05::78", 21845))
+
+answered = set()
+def answer(wait):
+    global sequence
+    while select.select([heard], [], [], wait)[0]:
+        wait = 0
+        data = heard.recv(100)
+        i = int.from_bytes(data[12:18], "big") - 0x0a0000000000
+        if len(data) != 62 or data[0] != 3 or not 0 < i <= count:
+            continue
+        sequence = max(sequence, int.from_bytes(data[26:34], "big"))
+        send(body(i, data[18:26]), both=False)
+        answered.add(i)
+
+start = time.monotonic()
+for i in range(1, count + 1):
+    send(body(i))
     if i % 50 == 0:
-        ahead = start + i / 1000 - time.monotonic()
-        if ahead > 0:
-            time.sleep(ahead)
+        answer(max(start + i / 1000 - time.monotonic(), 0))
+deadline = time.monotonic() + 30
+while key and len(answered) < count and time.monotonic() < deadline:
+    answer(0.2)
+    for i in range(1, count + 1):
+        if i not in answered:
+            send(body(i))
+            if i % 50 == 0:
+                answer(0.05)
+answer(0.2)
 PY
 }
 
