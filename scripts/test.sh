@@ -86,7 +86,7 @@ suite "tests (Release, benchmarks once)" "$out/plain" -LE e2e
 # GLib and GIO are not instrumented: their own futex locks are invisible to
 # TSan, so only races in our code are reported.
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1
-build "$out/tsan" -DKW_TSAN=ON
+build "$out/tsan" --target threaded_tests -DKW_TSAN=ON
 suite "threaded tests under TSan" "$out/tsan" -L threaded
 unset TSAN_OPTIONS
 
