@@ -388,11 +388,12 @@ bool pump(const std::vector<camera*>& cams, const std::function<bool()>& done)
     });
 }
 
-// The camera's receive queue holds a message of the node: it passed every check.
-bool queued(camera& cam, node_id id)
+// The camera's receive queue holds a message of the node (of the type, if given): it passed every check.
+bool queued(camera& cam, node_id id, int type = -1)
 {
     bool found = false;
-    cam.engine()->get_receive_queue()->foreach([&](auto* m) { found = found || (m && m->get_node_id() == id); });
+    cam.engine()->get_receive_queue()->foreach(
+        [&](auto* m) { found = found || (m && m->get_node_id() == id && (type < 0 || m->get_type() == type)); });
     return found;
 }
 
@@ -429,19 +430,30 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_siblings_that_answer_its_challeng
     netns_lab lab(3);
     ASSERT_TRUE(lab.ok());
     std::unique_ptr<probe> recorder;
-    std::unique_ptr<mcast_sender> replayer;
+    std::unique_ptr<mcast_sender> replayer, v6;
     {
         netns_enter inside(*lab.host(2).ns);
         recorder = probe::open("eth0", lab_ipv4_group, lab_port);
         replayer = mcast_sender::create("eth0", lab_ipv4_group, lab_port, 1);
+        v6 = mcast_sender::create("eth0", lab_ipv6_group, lab_port, 1);
     }
-    ASSERT_TRUE(recorder && replayer);
+    ASSERT_TRUE(recorder && replayer && v6);
     camera one({.id = 1, .keys = "# in use\n\n" + test_key('a') + test_key('b')}), two({.id = 2, .keys = test_key('a')});
     ASSERT_TRUE(one.create(lab.host(0).ns.get()) && two.create(lab.host(1).ns.get()) && one.engine()->announce_tick());
     const std::vector<camera*> both {&one, &two};
     monitor& engine = *one.engine();
+    // Once 1 has read as many of 2's datagrams on IPv6 as on IPv4 (which has `extra` from the third host too), a
+    // datagram sent from there on each family is read after them: 1 has judged them all, a late copy none.
+    auto judged = [&](std::uint64_t extra) {
+        auto read = [&](const char* family) { return stat(one, std::string("received_") + family); };
+        bool even = pump(both, [&] { return read("ipv4") == read("ipv6") + extra; });
+        const auto read4 = read("ipv4"), read6 = read("ipv6");
+        replayer->send("", 1), v6->send("", 1);
+        return even && pump(both, [&] { return read("ipv4") > read4 && read("ipv6") > read6; });
+    };
     std::vector<bytes> wire;
-    ASSERT_TRUE(pump(both, [&] { return queued(one, 2) && queued(two, 1) && of(record(*recorder, wire), ANNOUNCE, 2).size() >= 2; }));
+    ASSERT_TRUE(pump(both, [&] { return queued(one, 2) && queued(two, 1) && of(record(*recorder, wire), ANNOUNCE, 2).size() >= 2 &&
+                                        !of(wire, CHALLENGE, 1).empty(); }) && judged(0));
     engine.process_tick();
     EXPECT_EQ(place(engine, 2), "known");
     const bytes challenge = of(wire, CHALLENGE, 1).at(0), answer = of(wire, ANNOUNCE, 2).at(1), genuine = of(wire, ANNOUNCE, 2).at(0);
@@ -465,8 +477,8 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_siblings_that_answer_its_challeng
               "Refused 1 datagrams signed with an unknown key" + from, "Refused 1 datagrams with a bad MAC" + from,
               "Refused 1 replayed datagrams" + from}));
 
-    two.engine()->stop(); // its LEAVE
-    ASSERT_TRUE(pump(both, [&] { return queued(one, 2); }));
+    two.engine()->stop(); // its LEAVE, both copies judged before 1 forgets 2
+    ASSERT_TRUE(pump(both, [&] { return queued(one, 2, LEAVE); }) && judged(4));
     const std::vector<bytes> recorded = of(record(*recorder, wire), ANNOUNCE, 2);
     // Answers to challenges of the past are dropped unchecked; the others are unverified.
     const auto unanswering = std::ranges::count_if(recorded, [](auto& d) { return d.size() == 60; });
@@ -475,12 +487,13 @@ TEST_F(monitor_test, a_keyed_camera_takes_only_siblings_that_answer_its_challeng
         for (std::size_t i = 0; s >= 25 && s < 40 && s % 2 == 1 && i < recorded.size(); ++i)
             send(recorded[i]);
         const std::uint64_t replays = s < 25 ? 0 : std::min((s - 25) / 2 + 1, 8) * unanswering;
-        ASSERT_TRUE(pump(both, [&] { return stat(one, "refused_unverified") == unverified + replays; })) << s;
+        ASSERT_TRUE(pump(both, [&] { return stat(one, "refused_unverified") >= unverified + replays; })) << s;
         if (s % 5 == 0)
             engine.process_tick();
         one.advance_us(second);
     }
     EXPECT_EQ(place(engine, 2), "none");
+    EXPECT_EQ(stat(one, "refused_unverified"), unverified + 8 * unanswering);
     EXPECT_EQ(stat(one, "events_connected"), 1u);
     EXPECT_EQ(stat(one, "sent_challenge"), challenges + 8 * 2) << "a challenge per replay, on both families";
 }
@@ -513,15 +526,15 @@ TEST_F(monitor_test, a_restarted_keyed_camera_is_taken_at_once_and_learns_only_l
     dead.advance_us(61 * second);
     dead.engine()->process_tick();
     std::vector<bytes> wire; // its DISPATCHED naming each of the others
-    ASSERT_TRUE(wait_until([&] { return of(record(*recorder, wire), DISPATCHED, 1).size() == 2; }));
+    ASSERT_TRUE(wait_until([&] { return of(record(*recorder, wire), DISPATCHED, 1).size() >= 2; }));
     dead.forget();
 
     restarted.step_wall_us(-G_TIME_SPAN_HOUR);
     restarted.forget();
-    ASSERT_TRUE(pump(cams, [&] { return queued(live, 3); })); // its LEAVE
+    ASSERT_TRUE(pump(cams, [&] { return queued(live, 3, LEAVE); }));
     live.engine()->process_tick();
     ASSERT_TRUE(restarted.create(lab.host(0).ns.get()));
-    ASSERT_TRUE(pump(cams, [&] { return queued(live, 3); }));
+    ASSERT_TRUE(pump(cams, [&] { return queued(live, 3) && stat(live, "refused_replayed") >= 2; }));
     live.engine()->process_tick();
     EXPECT_EQ(place(*live.engine(), 3), "known");
     EXPECT_EQ(stat(live, "refused_replayed"), 2u) << "its first ANNOUNCE, on both families, was below the mark";
@@ -534,10 +547,11 @@ TEST_F(monitor_test, a_restarted_keyed_camera_is_taken_at_once_and_learns_only_l
     for (const bytes& d : replays)
         EXPECT_EQ(replayer->send(d.data(), d.size()), ssize_t(d.size()));
     const auto unanswering = std::ranges::count_if(replays, [](auto& d) { return d.size() != 68; });
-    ASSERT_TRUE(pump(cams, [&] { return stat(restarted, "refused_unverified") == unverified + unanswering; }));
+    ASSERT_TRUE(pump(cams, [&] { return stat(restarted, "refused_unverified") >= unverified + unanswering; }));
     for (int tick = 0; tick < 3; ++tick, restarted.advance_us(5 * second))
         restarted.engine()->process_tick();
     EXPECT_EQ(place(*restarted.engine(), 2) + place(*restarted.engine(), 1), "knownnone");
+    EXPECT_EQ(stat(restarted, "refused_unverified"), unverified + unanswering);
     EXPECT_EQ(stat(restarted, "events_connected") + stat(restarted, "events_disconnected"), 1u);
 }
 
