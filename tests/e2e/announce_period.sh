@@ -34,7 +34,7 @@ echo "--- 5 % of the datagrams lost, camera 3 back, three minutes"
 lab loss 5
 lab start 3
 mixed=$SECONDS
-# Camera 4 dies a minute after the news, 45 s after its last ANNOUNCE: its loss comes within the three minutes.
+# Camera 4 lives a minute after the news, then dies 45 s after its last ANNOUNCE: its loss comes in the three minutes.
 age() { echo $(($(date +%s) - $(date -d "$(lab log 4 | sed -nE "s/.*DEBUG: ([0-9:.]+): ANNOUNCE: $((0x020000000004)), IPv4.*/\1/p" | tail -1)" +%s))); }
 sleep 60
 wait_for 60 eval '(($(age) >= 45))'
