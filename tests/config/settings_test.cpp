@@ -19,8 +19,7 @@ std::string summary(settings& record)
            std::to_string(record.get_max_hosts());
 }
 
-// FULL with one key's value replaced (or the key dropped): the values read,
-// or the key named by the refusal.
+// FULL with one key's value replaced (or dropped): the values read, or the key the refusal names.
 TEST(settings, key_file_values_taken_and_refused)
 {
     const std::tuple<std::string, const char*, std::string> rows[] = {

@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# Five lab cameras: 1 to 3 announce every second (--announce-period=1), 4
-# and 5 every 55 s, 4 with --fast-join so that it answers news. Nobody is
-# lost in 20 s; camera 3 killed with SIGKILL is reported by camera 1 alone,
-# 3 to 4.5 s after camera 1 last heard it. Then, with 5 % of the datagrams
-# dropped on the bridge and camera 3 started again (news that camera 4
-# answers), no false loss in three minutes, and camera 4 killed is reported
-# once, 50 to 66 s after it was last heard.
+# Five cameras: 1 to 3 announce every second, 4 (with --fast-join) and 5 every 55 s. Nobody is lost in
+# 20 s; camera 3 killed is reported by camera 1 alone 3 to 4.5 s after it last heard it. With 5 % of the
+# datagrams dropped and camera 3 back (news 4 answers), no false loss in three minutes, and camera 4
+# killed is reported once, 50 to 66 s after it was last heard.
 # Usage: announce_period.sh <scripts/lab> <kinwatch>
 source "$(dirname "$0")/lab_test.sh" kwperiod "$@"
 lists() { [[ $(lab nodes "$1" 2>/dev/null | cut -c16-17 | tr '\n' ' ') == "$(for m in $2; do ((m == $1)) || printf '%02d ' "$m"; done)" ]]; }
@@ -37,8 +34,7 @@ echo "--- 5 % of the datagrams lost, camera 3 back, three minutes"
 lab loss 5
 lab start 3
 mixed=$SECONDS
-# Camera 4 lives a minute after the news, then dies 45 s after its last
-# ANNOUNCE, so that its loss comes within the three minutes.
+# Camera 4 lives a minute after the news, then dies 45 s after its last ANNOUNCE: its loss comes in the three minutes.
 age() { echo $(($(date +%s) - $(date -d "$(lab log 4 | sed -nE "s/.*DEBUG: ([0-9:.]+): ANNOUNCE: $((0x020000000004)), IPv4.*/\1/p" | tail -1)" +%s))); }
 sleep 60
 wait_for 60 eval '(($(age) >= 45))'

@@ -1,17 +1,14 @@
 #!/usr/bin/env bash
-# Ten lab cameras with --fast-join. Camera 10, whose package starts running
-# while the nine others know each other, and camera 5, killed with SIGKILL
-# and started again at once, each know every other camera and are known by
-# every other one within 2 s of their first ANNOUNCE on the wire; nobody
-# reports a loss.
+# Ten cameras with --fast-join. Camera 10, its package started once the nine know each other, and camera 5,
+# killed and started again at once, know and are known by every other within 2 s of their first ANNOUNCE
+# on the wire; nobody reports a loss.
 # Usage: fast_join.sh <scripts/lab> <kinwatch>
 source "$(dirname "$0")/lab_test.sh" kwfast "$@"
 lists() { # <camera> [<camera not listed>]: it lists exactly the others
   [[ $(lab nodes "$1" 2>/dev/null | cut -c16-17 | tr '\n' ' ') == "$(for m in {1..10}; do ((m == $1 || m == ${2:-0})) || printf '%02x ' "$m"; done)" ]]
 }
 nine_know() { for n in {1..9}; do lists "$n" 10 || return 1; done; }
-# Seconds from the camera's first ANNOUNCE on the wire to the last
-# SiblingConnected raised for it, and to the last it raised itself.
+# Seconds from its first ANNOUNCE on the wire to the last SiblingConnected for it, and the last of its own.
 joins() { # <camera> <what makes it join...>
   local n=$1 at
   spawn lab capture "$state/join.pcap" 0 10

@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# Keyed lab cameras 1 and 2 rotate from key A to B in three steps (B added second,
-# moved first, A removed; 1 by a rename, 2 in place): nobody is lost then or 65 s
-# after, nothing is refused, an invalid file leaves the keys in use, and camera 3,
-# started with B alone, knows both and is known by both.
+# Keyed cameras 1 and 2 rotate from key A to B in three steps (1 by a rename, 2 in place): nobody is lost
+# then or 65 s after, nothing refused, an invalid file leaves the keys, and camera 3 with B alone joins.
 # Usage: group_keys.sh <scripts/lab> <kinwatch>
 source "$(dirname "$0")/lab_test.sh" kwkeys "$@"
 loaded() { [[ $(lab log "$1" | grep -c 'Group keys loaded from') -ge $2 ]]; } # <camera> <times>

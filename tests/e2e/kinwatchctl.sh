@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# kinwatchctl against three lab cameras: the node signals as watches on
-# cameras 1 and 2 see camera 3 leave, join again and be killed; a limited
-# watch that never polls; every command in each state a user meets on camera
-# 1 (enabled, disabled, package stopped, service absent), output and status.
+# kinwatchctl against three cameras: node signals as watches on 1 and 2 see camera 3 leave, join again and
+# be killed; a limited watch that never polls; every command in each state of camera 1, output and status.
 # Usage: kinwatchctl.sh <scripts/lab> <kinwatch> <kinwatchctl>
 source "$(dirname "$0")/lab_test.sh" kwctl "$@"
 knows() { [[ $(lab nodes "$1" 2>/dev/null | cut -d' ' -f1 | tr '\n' ' ') == "$2" ]]; } # <camera> "<macs> "
@@ -38,8 +36,7 @@ end "$monitor"
 check equals "$(grep -cE 'member=Get(Known|Lost)Nodes' "$state/calls")" 0
 check grep -q 'member=GetNodes' "$state/calls"
 seen 2 3
-# A watch ends at once on its interrupt, whatever it is doing: here it
-# waits for signals; below, for a service that does not answer.
+# A watch ends at once on its interrupt: here waiting for signals, below for a service that does not answer.
 ended() { # <pid> <signal> <what>
   local from=${EPOCHREALTIME/./} status=0
   end "$1" "$2" || fail "$3 still ran 5 s after its SIG$2"
@@ -85,8 +82,7 @@ ip -n "kwlab-$name-c1" link del eth1
 check wait_for 20 eval '[[ $(in_use) == "$eth0" ]]'
 
 echo "--- every command in every state of camera 1"
-# Each row: state, command, exit status, the output (stdout and stderr) as
-# a pattern. Camera 1 knows camera 2 and has lost camera 3.
+# Each row: state, command, exit status, the output as a pattern. Camera 1 knows 2 and has lost 3.
 absent="^kinwatchctl: the kinwatch service is not running on this bus$"
 settings="^enabled: +(true|false)
 ttl: +[0-9]+
@@ -158,8 +154,7 @@ for row in "${rows[@]}"; do
   IFS='|' read -r when command status _ <<<"${row%%$'\n'*}"
   pattern=${row#*|*|*|}
   [[ $when == "$current" ]] || { enter "$when"; current=$when; sleep 1; }
-  # A watch runs until interrupted: once it has begun (or ended on its own),
-  # it is ended with SIGTERM, its clean end.
+  # A watch that has begun (or ended on its own) is ended with SIGTERM, its clean end.
   if [[ $command == watch ]]; then
     spawn "$ctl_binary" --address "$(lab address 1)" watch >"$state/row" 2>&1
     pid=$!

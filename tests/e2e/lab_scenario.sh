@@ -1,14 +1,11 @@
 #!/usr/bin/env bash
-# Four cameras of one lab (scripts/lab, run through bash: the checkout's place
-# and modes do not matter), services as the user kinwatch under the package's
-# bus policy, 1 to 3 with --fast-join, camera 1 under libfaketime: learning,
-# fast join, the run state, a late link, group changes, a kill and its single
-# report, wall-clock steps and a restarted bus daemon.
+# Four lab cameras, services as the user kinwatch under the package's bus policy, 1 to 3 with --fast-join,
+# camera 1 under libfaketime: learning, fast join, the run state, a late link, group changes, a kill and
+# its single report, wall-clock steps and a restarted bus daemon.
 # Usage: lab_scenario.sh <scripts/lab> <kinwatch> <kinwatchctl>
 source "$(dirname "$0")/lab_test.sh" kwe2e "$@"
 
-# Whether camera A's known (--lost: lost) list holds exactly the cameras
-# named; a failed call holds nothing.
+# Whether camera A's known (--lost: lost) list holds exactly the cameras named; a failed call nothing.
 holds() { # [--lost] <a> <camera...>
   local lost=() n want="" got
   [[ $1 == --lost ]] && { lost=(--lost); shift; }
@@ -35,13 +32,11 @@ done
 
 echo "--- every camera learns the three others, camera 4 from the others' answers"
 start=$SECONDS
-# Well below the 55 s after which the periodic ANNOUNCEs would do it: the
-# cameras with the option within 10 s, camera 4 at its tick after the answers.
+# Well below the 55 s of periodic ANNOUNCEs: with the option within 10 s, camera 4 at its tick after the answers.
 wait_for 10 eval 'holds 1 2 3 4 && holds 2 1 3 4 && holds 3 1 2 4' || fail "cameras 1 to 3 did not learn all within 10 s"
 wait_for 10 holds 4 1 2 3 || fail "camera 4 did not learn the others from their answers"
 echo "converged in $((SECONDS - start)) s"
-# Own ANNOUNCEs sent (a node never hears its own): camera 4, without the
-# option, only the start's; camera 1 also answered the three others.
+# Own ANNOUNCEs sent: camera 4, without the option, only the start's; camera 1 also answered the others.
 own_announces() { lab log "$1" | grep -c "ANNOUNCE: $((0x020000000000 + $1)), IPv4"; }
 check equals "$(own_announces 4)" 1
 check test "$(own_announces 1)" -ge 2
@@ -71,8 +66,7 @@ lab link 3 up
 start=$SECONDS
 wait_for 10 eval 'holds 1 2 3 4 && holds 2 1 3 4 && holds 4 1 2 3' || fail "camera 3 was not learnt within 10 s"
 echo "learnt in $((SECONDS - start)) s"
-# Its first ANNOUNCE after the link came up is its own, not an answer to
-# the others' periodic ones.
+# Its first ANNOUNCE after the link came up is its own, not an answer to the others' periodic ones.
 check awk -v leave="LEAVE: $((0x020000000003))" -v own="ANNOUNCE: $((0x020000000003)), IPv4" '
   index($0, leave) { phase = 1; first = "" }
   phase == 1 && /Interface\(eth0\): state:up/ { phase = 2 }
@@ -105,9 +99,8 @@ wait_for 30 eval 'holds --lost 1 3 && holds --lost 2 3 && holds 1 2 && holds 2 1
   fail "cameras 1 and 2 did not both move camera 3 to their lost lists"
 # Camera 4, in another group since, applies nothing of group 1.
 check equals "$(for a in 1 2 4; do count_events "$a" SiblingDisconnected; done)" $'1\n0\n0'
-# Read off camera 1's own log: its lines between the two steps are an hour
-# ahead of the real time, those after the second an hour behind. 60 s of
-# silence and at most one 5-s tick, with a second's grace for a late tick.
+# Off camera 1's log, whose lines between the steps are an hour ahead, those after an hour behind:
+# 60 s of silence and at most one 5-s tick, with a second's grace for a late tick.
 heard_to_report() {
   lab log 1 | awk -v ahead="$ahead" -v behind="$behind" -v id=$((0x020000000003)) '
     function real(line) { match(line, /[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\.[0-9]+/); split(substr(line, RSTART, RLENGTH), f, ":")

@@ -1,7 +1,5 @@
-# What the end-to-end tests share, sourced first by each:
-#   source lab_test.sh <prefix> <scripts/lab> <kinwatch> [<kinwatchctl>]
-# A lab of the test's own (named <prefix> and its pid, taken down on exit;
-# those of earlier runs that were killed go first), and the checks.
+# What the end-to-end tests share: source lab_test.sh <prefix> <scripts/lab> <kinwatch> [<kinwatchctl>]
+# A lab of the test's own (<prefix><pid>, down on exit; those of killed runs go first), and the checks.
 set -uo pipefail
 prefix=$1 script=$(realpath "$2") kinwatch=$3 ctl_binary=${4:-}
 name=$prefix$$
@@ -13,14 +11,9 @@ fail() { echo "FAIL: $*"; ((failures++)) || lab log 1 2>/dev/null | tail -n 15 |
 check() { "$@" || fail "$*"; } # <command...>
 lab() { bash "$script" --name "$name" "$@"; }
 
-# Processes the test starts are bounded here rather than by timeout(1): after
-# its signal, timeout sends SIGCONT to the command and to its process group.
-# A sanitized program's leak checker stops every thread at exit with ptrace,
-# and a SIGCONT that arrives then cancels the stop it waits for, so the
-# program hangs at its exit for ever (seen in the tracer's backtraces:
-# ThreadSuspender::SuspendThread waiting in waitpid). What a process that
-# does not end was doing goes to the test's log (fd $diagnostics, kept apart
-# from output a check captures).
+# Processes are bounded here, not by timeout(1), whose SIGCONT after its signal cancels the ptrace stop
+# of a sanitizer's leak checker at exit, which then hangs for ever (ThreadSuspender::SuspendThread in
+# waitpid). What a process that does not end was doing goes to fd $diagnostics, apart from checked output.
 exec {diagnostics}>&2
 alive() { local stat; stat=$(cat "/proc/$1/stat" 2>/dev/null) && stat=${stat##*) } && [[ ${stat%% *} != Z ]]; } # <pid>
 # Sends the signal and waits; one that lingers past the grace is explained and killed (status 1).

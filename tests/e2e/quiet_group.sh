@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# Three cameras, 1 and 2 with --fast-join (millisecond tick), left alone for
-# three announce periods: on the wire and in their logs no event, nothing but
-# ANNOUNCEs, one per camera and family every 55 s, each applied at the
-# siblings' next 5-s round.
+# Three cameras, 1 and 2 with --fast-join, left alone for three announce periods: no event, nothing but
+# ANNOUNCEs, one per camera and family every 55 s, each applied at the siblings' next 5-s round.
 # Usage: quiet_group.sh <scripts/lab> <kinwatch>
 source "$(dirname "$0")/lab_test.sh" kwquiet "$@"
 holds_others() { # <camera>: its known list holds exactly the two others, its lost list nothing
@@ -12,10 +10,8 @@ holds_others() { # <camera>: its known list holds exactly the two others, its lo
 events() { for n in 1 2 3; do lab events "$n" | wc -l; done | tr '\n' ' '; }
 
 lab up 3 --binary "$kinwatch" --fast-join=1,2 || exit 1
-# Second-granularity timers of one host fire at the same instant of the
-# second: restarted 2.5 s later, camera 3 does not tick at the very instant
-# its siblings announce, where either may come first. Its monitor says LEAVE
-# first, so that its start is news that the siblings answer.
+# Timers of one host fire at the same instant of the second: restarted 2.5 s later, camera 3 does not
+# tick as its siblings announce. Its LEAVE makes its start news that the siblings answer.
 lab run-state 3 Stopped && sleep 2.5 && lab run-state 3 Running || exit 1
 for ((tries = 30; tries > 0; tries--)); do
   holds_others 1 && holds_others 2 && holds_others 3 && break
@@ -28,8 +24,7 @@ lab capture "$state/quiet.pcap" 0 170 2>/dev/null
 sleep 6 # the last ANNOUNCEs captured are applied
 after=$(events)
 
-# Times in seconds since the first datagram captured (the logs' times and
-# the capture's are both this machine's local wall clock).
+# Seconds since the first datagram captured (logs and capture share this machine's wall clock).
 tcpdump -r "$state/quiet.pcap" -n -tttt 2>/dev/null | sed -E 's/^[^ ]+ /wire /' | sort -k2,2 >"$state/quiet.lines"
 for n in 1 2 3; do
   sed -nE "s/.*DEBUG: ([0-9:.]+): ANNOUNCE: ([0-9]+), First seen.*/log $n \\1 \\2/p" "$state/c$n/kinwatch.log"

@@ -1,5 +1,4 @@
-// The built service in a private mount and network namespace: empty
-// /usr/local and /run, the namespace's own /sys, loopback as its interface.
+// The built service in private mount and network namespaces, loopback as its interface.
 
 #include "platform/g_ptr.hpp"
 #include "src/peer/mcast_sender.hpp"
@@ -111,9 +110,8 @@ TEST(kinwatch, start_up_failures_end_with_status_1_or_abort)
     EXPECT_EQ(dir.read("bad_ttl.conf"), settings("0", "false"));
 }
 
-// Started with the package stopped: once both directories are watched, only
-// the running main loop can start the monitor, whose start rewrites the file.
-// A signal ends the service with no teardown, so the file stays as it is.
+// Started with the package stopped: only the running main loop can start the monitor, whose start
+// rewrites the file; a signal ends the service without teardown, leaving the file.
 TEST(kinwatch, runs_its_main_loop_until_terminated)
 {
     KW_REQUIRE_ROOT();
@@ -156,10 +154,8 @@ TEST(kinwatch, runs_its_main_loop_until_terminated)
     EXPECT_EQ(dir.read("kinwatch.conf"), settings("1", "true"));
 }
 
-// Under a service manager: READY=1 once the bus name is owned (it answers at
-// that moment; none while the bus hangs, the monitor running), WATCHDOG=1
-// once a second for a period of two, and a STATUS line that follows a
-// sibling joining.
+// Under a service manager: READY=1 once the bus name is owned (none while the bus hangs), WATCHDOG=1
+// once a second for a period of two, and a STATUS line that follows a sibling joining.
 TEST(kinwatch, tells_the_service_manager_it_is_ready_alive_and_what_it_knows)
 {
     KW_REQUIRE_ROOT();

@@ -1,7 +1,5 @@
-// The observer's reaction to each kind of directory event, called as GIO
-// calls it (kinwatch_test shows real directory monitors at work). The test
-// thread stays in a private network namespace, so every start opens its
-// sockets there.
+// The observer's reaction to each directory event, called as GIO calls it (kinwatch_test has real
+// monitors), from a private network namespace where every start opens its sockets.
 
 #include "src/frame/package_observer.hpp"
 #include "tests/support/log_capture.hpp"
@@ -47,9 +45,8 @@ protected:
     std::unique_ptr<package_observer> m_observer;
 };
 
-// From each state the run-state file says the opposite, so a re-read flips
-// the state, a stop only stops, and nothing leaves it. Events without a file
-// or for other entries never count.
+// The run-state file says the opposite of the state: a re-read flips it, a stop only stops, nothing
+// leaves it; events without a file or for other entries never count.
 TEST_F(package_observer_test, each_event_kind_stops_rereads_or_does_nothing)
 {
     auto other = adopt(g_file_new_for_path(in_top("kinwatch/notes").c_str()));

@@ -6,8 +6,7 @@
 namespace kw {
 namespace {
 
-// The watchdog pings come from a timer of the notifier's main loop: while the
-// loop is blocked (here: not run) for more than a period, none comes.
+// Watchdog pings come from a timer of the main loop: while it is blocked (not run), none comes.
 TEST(systemd_notifier, tells_ready_once_each_new_status_and_pings_only_while_its_loop_runs)
 {
     test::notify_socket manager;

@@ -1,9 +1,6 @@
-// The keyed decoder. A receiver that knows nobody takes no datagram but its
-// own and asks at most one challenge or answer of its main thread. Each input
-// is also taken as a plain datagram: once its sender has answered the
-// receiver's challenge, it passes signed, gives the same message back, and a
-// second look finds a copy; with any byte changed it fails. A challenge made
-// of the input's bytes, naming the receiver, is answered with its nonce.
+// The keyed decoder: a receiver that knows nobody takes only its own datagrams and asks at most one
+// challenge or answer. Signed by a sender that answered, an input passes as itself, then as a copy, and
+// fails with any byte changed; a challenge of its bytes naming the receiver is answered with its nonce.
 #include "src/peer/group_auth.hpp"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
-// Any key file the parser accepts holds one to four keys, and the same keys
-// written out again, one per line, give the same identifiers.
+// An accepted key file holds one to four keys, which written out again give the same identifiers.
 #include "src/config/group_keys.hpp"
 
 #include <sodium.h>

@@ -1,6 +1,4 @@
-// Any datagram the decoder accepts must encode back to exactly the same
-// bytes, and a copy must encode the same way: the decoder accepts only the
-// exact length of each type and keeps every byte it reads.
+// An accepted datagram, and a copy of its message, encode back to exactly the same bytes.
 #include "src/peer/peer_message.hpp"
 
 #include <cstdlib>

@@ -1,6 +1,4 @@
-// Any configuration file the loader accepts must survive a save and a second
-// load with all eight values equal: what the service writes back after a bus
-// change is what it reads at the next start.
+// An accepted configuration file survives a save and a second load with all eight values equal.
 #include "src/config/settings.hpp"
 
 #include <glib.h>
@@ -13,9 +11,7 @@
 
 namespace {
 
-// One scratch file per process, on tmpfs: each input is written to it,
-// loaded, saved over it, loaded again and removed (libFuzzer ends the
-// process without running exit handlers).
+// One scratch file per process on tmpfs, removed after each input (libFuzzer runs no exit handlers).
 const std::string& scratch_path()
 {
     static const std::string path = [] {

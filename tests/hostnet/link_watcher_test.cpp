@@ -11,8 +11,7 @@
 namespace kw {
 namespace {
 
-// A listener call as text: "#<id> <name> up|down <ipv4> <ipv6>", an address
-// marked "!" when its family is not enabled.
+// A listener call as "#<id> <name> up|down <ipv4> <ipv6>", "!" marking a family not enabled.
 void record(std::uint32_t id, const interface_state& s, const char* name, void* calls)
 {
     char ipv4[INET_ADDRSTRLEN], ipv6[INET6_ADDRSTRLEN];

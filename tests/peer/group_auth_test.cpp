@@ -32,9 +32,8 @@ bytes announce(group_auth& by, std::uint64_t sequence, std::uint64_t nonce = 0, 
     return sign(by, peer_message::announce_new(from, 7, in_addr {1}, in6_addr {}), sequence, nonce);
 }
 
-// What the receiver made of a datagram, then what it asks the main thread for:
-// "accepted", "duplicate", a refusal or "dropped"; "+ challenge <id> <mark>",
-// "+ answer <nonce>".
+// What the receiver made of a datagram ("accepted", "duplicate", a refusal or "dropped"),
+// then what it asks the main thread for ("+ challenge <id> <mark>", "+ answer <nonce>").
 std::string judge(group_auth& receiver, const bytes& datagram, std::uint64_t* nonce = nullptr)
 {
     static const char* const names[] = {"duplicate", "no trailer", "unknown key", "bad MAC", "replayed", "over limit", "unverified"};
@@ -55,10 +54,8 @@ std::string judge(group_auth& receiver, const bytes& datagram, std::uint64_t* no
     return verdict;
 }
 
-// A receiver that has heard nothing takes nothing: it challenges, and takes
-// the answer that carries its nonce. Copies are dropped, replays and numbers
-// too far ahead challenged again (at most once a second), a challenge to it
-// answered with its numbers raised above the challenger's mark.
+// A receiver takes a sender only from the answer carrying its challenge's nonce; copies dropped, replays
+// and numbers too far ahead challenged (once a second), challenges answered above the challenger's mark.
 TEST(group_auth, a_sender_is_taken_only_once_it_answered_a_challenge)
 {
     gint64 wall = 0, now = 1'000'000;
@@ -97,11 +94,8 @@ TEST(group_auth, a_sender_is_taken_only_once_it_answered_a_challenge)
     EXPECT_EQ(receiving->answered(), 2u);
 }
 
-// Any byte changed: a type the length does not fit, an unknown key
-// identifier, a bad MAC, or a challenge or answer meant for another node,
-// and nothing taken or answered; unchanged, each kind is taken from a sender
-// proven fresh (the answer to a challenge that a late copy brought too), and
-// a challenge is answered.
+// Any byte changed: a misfit type, an unknown key, a bad MAC, or another addressee; nothing taken or
+// answered. Unchanged, each kind is taken from a sender proven fresh, and a challenge answered.
 TEST(group_auth, every_single_byte_change_of_a_keyed_datagram_is_refused)
 {
     auto sending = keyed("a"), receiving = keyed("ba");
@@ -129,9 +123,8 @@ TEST(group_auth, every_single_byte_change_of_a_keyed_datagram_is_refused)
     }
 }
 
-// Forged senders (signed by a key's holder) cost at most the capacity in
-// challenges per second, and the table of pending challenges stays within
-// it; so do answers to a flood of challenges. Everything is counted.
+// Forged senders cost at most the capacity in challenges a second and pending ones; so do
+// answers to a flood of challenges. Everything is counted.
 TEST(group_auth, a_flood_of_new_senders_and_challenges_stays_bounded_and_counted)
 {
     gint64 now = 1'000'000;

@@ -41,8 +41,7 @@ protected:
         KW_REQUIRE_ROOT();
         m_lab = std::make_unique<test::netns_lab>(2);
         ASSERT_TRUE(m_lab->ok());
-        // Leaving an IPv4 group names no interface: the kernel takes the one
-        // of the route to the group, as on a camera with its default route.
+        // Leaving an IPv4 group names no interface: the kernel takes the route's, as on a camera.
         ASSERT_TRUE(host(0).must_exec("ip route add 224.0.0.0/4 dev eth0"));
         m_inside.emplace(host(0)); // so every socket and thread lives there
     }
@@ -83,8 +82,7 @@ TEST_F(monitor_interface_lab, sends_on_both_families_with_its_ttl_never_to_itsel
     }
     EXPECT_EQ(m_log.warnings(), (std::vector<std::string> {"TTL: 0 is out of range", "TTL: 256 is out of range"}));
 
-    // What was queued goes to the old group, the rest to the new one, from a
-    // chain rebuilt with the stored TTL; destruction sends what is left.
+    // Queued goes to the old group, the rest to the new from a chain with the stored TTL; destruction drains.
     for (node_id id : {11, 12, 13})
         interface->send(peer_message::leave_new(id, 7));
     EXPECT_TRUE(interface->set_address(monitor_interface::ipv4, ipv4_group));
@@ -144,8 +142,7 @@ TEST_F(monitor_interface_lab, receivers_queue_the_decoded_messages_of_their_grou
 TEST_F(monitor_interface_lab, a_failed_chain_spares_the_other_family_and_each_receiver_hears_its_own_interface)
 {
     const std::string invalid = g_strerror(EINVAL), chain = "monitor_chain: failed to ";
-    // The sender looks a host name up, the receiver takes numeric groups only;
-    // a unicast group is taken by the sender and refused at the join.
+    // The sender looks a name up, the receiver takes numbers only; a unicast group fails at the join.
     auto interface = monitor_interface::create("eth0", "localhost", "fd77::99", port, 1, *m_queue, 7);
     EXPECT_FALSE(interface->setup_ipv4());
     EXPECT_EQ(m_log.warnings(), (std::vector<std::string> {"mcast_receiver_create, getaddrinfo() failed", chain + "create mcast_receiver",
@@ -186,8 +183,7 @@ TEST_F(monitor_interface_lab, a_failed_chain_spares_the_other_family_and_each_re
                 heard[n].push_back(message->get_node_id());
             return got != mcast_receiver::none_waiting;
         };
-        // A datagram reaches every socket of its group at once: once both
-        // receivers had theirs, a copy on the other would be waiting too.
+        // A datagram reaches every socket of its group at once: a copy on the other would wait by now.
         for (int n : {0, 1})
             EXPECT_TRUE(test::wait_until([&] { return take(n) && !heard[n].empty(); })) << group;
         for (int n : {0, 1})

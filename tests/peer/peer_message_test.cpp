@@ -143,8 +143,7 @@ TEST(message_queue, hands_out_first_in_first_out_try_pop_never_waits_and_a_full_
     EXPECT_EQ(bounded->length(), 2);
 }
 
-// Pushes from two threads write the wake-up descriptor once until the
-// consumer rearms, so a drain never misses a message and never gets two writes.
+// Pushes from two threads write the wake-up descriptor once until the consumer rearms.
 TEST(message_queue, wakes_its_consumer_once_per_drain)
 {
     auto queue = message_queue::create();

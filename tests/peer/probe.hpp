@@ -1,7 +1,6 @@
 #pragma once
 
-// A socket of a test namespace that hears one group on one interface and
-// tells the TTL (hop limit) each datagram arrived with.
+// Hears one group on one interface and tells the TTL (hop limit) of each datagram.
 
 #include "src/peer/mcast_receiver.hpp"
 #include "tests/support/netns.hpp"

@@ -33,10 +33,8 @@ TEST(event_library, a_producer_keeps_only_its_latest_64_sent_events)
     EXPECT_TRUE(event_library_producers().empty());
 }
 
-// All in a child, so that a call that wrongly detached cannot end the test
-// process; the detached grandchild reports through a pipe. The child that
-// made the call waits: it leaves with 0 once the grandchild is ready (which
-// gives up the caller's streams), with 1 when the grandchild ends before.
+// In a child, so that a wrong detach cannot end the test; the detached grandchild reports through a
+// pipe. The caller leaves with 0 once it is ready (giving up the streams), with 1 if it ends before.
 TEST(qvsd_daemon, foreground_and_unknown_modes_stay_and_background_detaches_until_ready)
 {
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);

@@ -12,9 +12,7 @@
 
 namespace kw::test {
 
-// A private bus with the service's policy (system-bus.conf), reached as the
-// system bus while it lives; one at a time, since that address is the
-// process's environment.
+// A private bus with the service's policy, the process's system bus while it lives (one at a time).
 class dbus_daemon {
 public:
     dbus_daemon() { start(nullptr); }

@@ -15,8 +15,7 @@ struct log_line {
     std::string message;
 };
 
-// Captures every GLib log line (all levels, all threads) for its scope.
-// Fatal errors still abort, as they do in the service.
+// Captures every GLib log line (all levels, all threads) for its scope; fatal errors still abort.
 class log_capture {
 public:
     log_capture() : m_previous(g_log_set_default_handler(&log_capture::on_log, this)) {}

@@ -23,8 +23,7 @@ namespace kw::test {
     if (geteuid() != 0)                                                                            \
     GTEST_SKIP() << "needs root to create private network namespaces"
 
-// Runs a shell command: its exit status (-1 when it could not run), with its
-// stdout and stderr in output.
+// Runs a shell command: its exit status (-1 if it could not run), its stdout and stderr in output.
 inline int run(const std::string& command, std::string* output = nullptr)
 {
     g_ptr<char> line(g_strdup_printf("sh -c %s", g_ptr<char>(g_shell_quote((command + " 2>&1").c_str())).get()));
@@ -86,8 +85,7 @@ private:
     bool m_ok = false;
 };
 
-// Moves the calling thread into the namespace for the scope; sockets it opens
-// and threads it starts meanwhile live there.
+// Moves the calling thread into the namespace for the scope, with the sockets and threads it makes.
 class netns_enter {
 public:
     explicit netns_enter(const netns& ns) : m_saved(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC))
@@ -108,9 +106,8 @@ private:
     unique_fd m_saved;
 };
 
-// A bridge namespace ("br0", no multicast snooping, so every group floods)
-// and hosts 1..N, each with an "eth0" on it holding 10.77.0.<n>/24 and
-// fd77::<n>/64; ready once every link transmits.
+// A bridge ("br0", no multicast snooping: every group floods) and hosts 1..N, each with an "eth0"
+// holding 10.77.0.<n>/24 and fd77::<n>/64; ready once every link transmits.
 class netns_lab {
 public:
     struct host_ns {

@@ -1,7 +1,6 @@
 #pragma once
 
-// The service manager's end of NOTIFY_SOCKET: a datagram socket at a path of
-// its own, whose messages the test reads.
+// The service manager's end of NOTIFY_SOCKET, whose messages the test reads.
 
 #include "platform/unique_fd.hpp"
 #include "tests/support/temp_dir.hpp"

@@ -9,9 +9,8 @@
 
 namespace kw::test {
 
-// Sends the signal and waits up to the grace for the process to end. One
-// that lingers has its threads' backtraces printed (scripts/stacks), so that
-// a hang explains itself in the test's log, and is killed; false then.
+// Signals and waits up to the grace; one that lingers has its backtraces printed (scripts/stacks)
+// and is killed: false then.
 inline bool end_process(GSubprocess* process, int signal = SIGTERM, int grace_seconds = 10)
 {
     if (!process)

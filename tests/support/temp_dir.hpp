@@ -9,8 +9,7 @@
 
 namespace kw::test {
 
-// A fresh directory under the system's temporary directory, removed with all
-// in it at scope end.
+// A fresh temporary directory, removed with all in it at scope end.
 class temp_dir {
 public:
     temp_dir()

@@ -1,5 +1,4 @@
-// The bus object over a real monitor, on a private dbus-daemon with the
-// service's bus policy. This thread serves while a client thread calls.
+// The bus object over a real monitor on a private bus; this thread serves while a client thread calls.
 
 #include "src/surfaces/dbus_api.hpp"
 #include "tests/support/dbus_daemon.hpp"
@@ -56,8 +55,7 @@ struct signal_log {
         static_cast<signal_log*>(self)->lines.push_back(std::string(member) + " " +
                                                         take_string(g_variant_print(arguments, FALSE)));
     }
-    // What came since the last take: once a later call has returned, the
-    // signals sent before its reply wait in this thread's main context.
+    // What came since the last take (signals sent before a returned call's reply wait here).
     std::vector<std::string> take()
     {
         while (g_main_context_iteration(nullptr, FALSE)) {
@@ -96,9 +94,8 @@ TEST(dbus_api, writes_and_their_errors_reads_node_tuples_and_a_restarted_bus)
     const std::string illegal = "5" + unmapped + "5: Illegal multicast group supplied";
     const std::string named = " GDBus.Error:com.tavix.Kinwatch.Error.";
     const std::tuple<const char*, GVariant*, std::string, const char*, int> writes[] = {
-        // The file line a write leaves (null: the file stays as it was), and
-        // whether PropertiesChanged tells the written value (1), after the
-        // interfaces of the monitor it started (2).
+        // The file line a write leaves (null: unchanged), and whether PropertiesChanged tells the
+        // value (1), after the interfaces of the monitor it started (2).
         {"IPv4MulticastGroup", g_variant_new_string("192.168.1.1"), illegal, nullptr, 0},
         {"IPv6MulticastGroup", g_variant_new_string("239.1.2.3"), illegal, nullptr, 0},
         {"TTL", g_variant_new_byte(0), "3" + named + "TTL: TTL must be in the range [1..255]", nullptr, 0},

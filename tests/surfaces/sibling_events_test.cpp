@@ -8,8 +8,7 @@
 namespace kw {
 namespace {
 
-// Each start of the monitor declares both events anew and each stop withdraws
-// them. What a sent event carries is checked through the monitor that sends it.
+// Each start declares both events anew and each stop withdraws them (the monitor's test checks what they carry).
 TEST(sibling_events, declares_both_events_and_withdraws_them)
 {
     auto keys = [](const char* name, const char* nice_name) {
@@ -47,9 +46,7 @@ GLogWriterOutput keep(GLogLevelFlags, const GLogField* fields, gsize count, gpoi
     return G_LOG_WRITER_HANDLED;
 }
 
-// Beside the platform's line (whose text the monitor's test checks), each
-// event is a structured entry: the journal selects it by its MESSAGE_ID and
-// finds the sibling in fields of its own.
+// Each event is also a journal entry selected by its MESSAGE_ID, with the sibling in fields of its own.
 TEST(sibling_events, each_event_is_also_an_entry_with_its_message_id_and_the_sibling_in_fields)
 {
     static std::vector<std::string> told; // the one writer a process may install keeps it for good

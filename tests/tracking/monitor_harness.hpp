@@ -1,8 +1,7 @@
 #pragma once
 
-// One lab camera's monitor: its configuration file, package directory and
-// sysfs tree in a temporary directory, and clocks that stand still (the wall
-// clock at 2026-11-22 12:00 local time) until the test moves them.
+// One lab camera's monitor: its files in a temporary directory, and clocks that
+// stand still (the wall clock at 2026-11-22 12:00 local time) until moved.
 
 #include "src/config/settings.hpp"
 #include "src/hostnet/mac_address.hpp"
@@ -82,8 +81,7 @@ public:
                                                   m_fast_join, m_period, m_auth.get(), m_interfaces});
         return m_monitor.get();
     }
-    // As a restarted process: no monitor (its LEAVE sent, Enabled kept), and
-    // a keyed camera's group_auth new, numbering from the wall clock.
+    // As a restarted process: no monitor (its LEAVE sent, Enabled kept), a new group_auth.
     void forget()
     {
         std::string error;
@@ -95,7 +93,6 @@ public:
                                         [this] { return m_monotonic.load(); });
     }
     monitor* engine() { return m_monitor.get(); }
-    group_auth* auth() { return m_auth.get(); }
     settings& config() { return *m_settings; }
     temp_dir& dir() { return m_dir; }
     std::string config_text() const { return m_dir.read("kinwatch.conf").value_or(""); }
