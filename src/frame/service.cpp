@@ -7,10 +7,21 @@
 #include "src/surfaces/dbus_api.hpp"
 #include "src/tracking/monitor.hpp"
 
+#include <malloc.h>
+
 namespace kw {
+
+namespace {
+
+// How often the heap's free pages go back to the system.
+constexpr guint trim_interval_s = 5;
+
+} // namespace
 
 service::~service()
 {
+    if (m_trim_timer_id != 0)
+        g_source_remove(m_trim_timer_id);
     m_config_file.reset();
     m_ident.reset();
     // The package observer outlives the monitor it watches for, but no event
@@ -161,12 +172,24 @@ int service::run(int argc, char** argv)
         return 1;
     }
 
+    // A burst (new siblings, a flood, a tick's signals) leaves free memory
+    // among live records, which free() never gives back: only the heap's top
+    // is. Every few seconds, with the tick, the free pages go back wherever
+    // they lie.
+    m_trim_timer_id = g_timeout_add_seconds(trim_interval_s, &service::trim_heap, nullptr);
+
     // Nothing in the service quits the loop; it normally ends by a signal,
     // and then no teardown runs.
     qvsd_daemon_ready(mode);
     g_main_loop_run(m_main_loop.get());
     m_main_loop.reset();
     return 0;
+}
+
+gboolean service::trim_heap(gpointer)
+{
+    malloc_trim(0);
+    return G_SOURCE_CONTINUE;
 }
 
 // Read as text, so that a bad value ends the start with status 1 and a line

@@ -39,7 +39,9 @@ private:
     bool parse_interfaces();
     // The service manager's STATUS line, from the monitor and the bus.
     void update_status();
+    static gboolean trim_heap(gpointer);
 
+    guint m_trim_timer_id = 0;
     bool m_no_daemon = false;
     bool m_fast_join = false;
     unsigned m_announce_period = 0; // 0: not given
