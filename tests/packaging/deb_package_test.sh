@@ -76,19 +76,10 @@ deb=$scratch/kinwatch_${version}_$(dpkg --print-architecture).deb
 [[ -f $deb ]] || { ls "$scratch"; echo "no package at $deb"; exit 1; }
 
 files=$(dpkg-deb -c "$deb" | awk '{print $6}')
-for path in \
-  ./usr/sbin/kinwatch \
-  ./usr/bin/kinwatchctl \
-  ./usr/lib/systemd/system/kinwatch.service \
-  ./usr/lib/sysusers.d/kinwatch.conf \
-  ./usr/share/dbus-1/system.d/com.tavix.Kinwatch.conf \
-  ./usr/share/kinwatch/kinwatch.conf \
-  ./usr/share/doc/kinwatch/copyright \
-  ./usr/share/doc/kinwatch/changelog.gz \
-  ./usr/share/man/man8/kinwatch.8.gz \
-  ./usr/share/man/man1/kinwatchctl.1.gz \
-  ./usr/share/man/man5/kinwatch.conf.5.gz; do
-  grep -qxF "$path" <<<"$files" || fail "not in the package: $path"
+for path in sbin/kinwatch bin/kinwatchctl lib/systemd/system/kinwatch.service lib/sysusers.d/kinwatch.conf \
+  share/dbus-1/system.d/com.tavix.Kinwatch.conf share/kinwatch/kinwatch.conf share/doc/kinwatch/{copyright,changelog.gz} \
+  share/man/man8/kinwatch.8.gz share/man/man1/kinwatchctl.1.gz share/man/man5/kinwatch.conf.5.gz; do
+  grep -qxF "./usr/$path" <<<"$files" || fail "not in the package: /usr/$path"
 done
 [[ $(grep '^\./etc/.*[^/]$' <<<"$files") == ./etc/default/kinwatch ]] || fail "the package ships other files under /etc"
 [[ $(dpkg-deb --ctrl-tarfile "$deb" | tar -xOf - ./conffiles) == /etc/default/kinwatch ]] ||
