@@ -69,13 +69,13 @@ suite() { # <name> <dir> <ctest args...>
     failed+=("$name")
   fi
 }
-# A suite that mostly waits (namespaces, buses, ticks) runs beside the builds
-# that follow it; its output is printed at the end.
+# What runs beside the builds that follow it (the end-to-end tests, and the
+# suites that mostly wait for namespaces, buses and ticks); its output is
+# printed at the end.
 declare -a bg_names=() bg_pids=() bg_logs=()
-background() { # <name> <dir> <ctest args...>
-  local name=$1 dir=$2 log=$out/suite-${#bg_pids[@]}.log; shift 2
-  echo "=== $name: started beside the next builds ($((SECONDS - start)) s)"
-  (cd "$dir" && ctest -j "$jobs" --timeout 300 "$@") >"$log" 2>&1 &
+background() { # <name> <log> <dir> <ctest args...>
+  local name=$1 log=$2 dir=$3; shift 3
+  (cd "$dir" && ctest "$@") >"$log" 2>&1 &
   bg_names+=("$name") bg_pids+=($!) bg_logs+=("$log")
 }
 
@@ -83,19 +83,19 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export G_SLICE=always-malloc G_DEBUG=gc-friendly
 build "$out/asan" --target "kinwatch kinwatchctl" -DKW_SANITIZE=ON
-declare -A e2e_pids=()
 for test in $(cd "$out/asan" && ctest -N -L e2e | sed -nE 's/^ *Test +#[0-9]+: //p'); do
-  (cd "$out/asan" && ctest --timeout 600 -R "^$test\$") >"$out/e2e-$test.log" 2>&1 &
-  e2e_pids[$test]=$!
+  background "end-to-end $test under ASan+UBSan" "$out/e2e-$test.log" "$out/asan" --timeout 600 -R "^$test\$"
 done
 build "$out/asan" -DKW_SANITIZE=ON
 # The package is built and checked from the Release tree below.
-background "tests under ASan+UBSan" "$out/asan" -LE 'e2e|packaging'
+echo "=== tests under ASan+UBSan: started beside the next builds ($((SECONDS - start)) s)"
+background "tests under ASan+UBSan" "$out/suite-asan.log" "$out/asan" -j "$jobs" --timeout 300 -LE 'e2e|packaging'
 unset ASAN_OPTIONS UBSAN_OPTIONS G_SLICE G_DEBUG
 
 # Release, as the benchmarks' figures in the README are measured.
 build "$out/plain" -DCMAKE_BUILD_TYPE=Release -DKW_BENCH=ON
-background "tests (Release, benchmarks once)" "$out/plain" -LE e2e
+echo "=== tests (Release, benchmarks once): started beside the next builds ($((SECONDS - start)) s)"
+background "tests (Release, benchmarks once)" "$out/suite-plain.log" "$out/plain" -j "$jobs" --timeout 300 -LE e2e
 
 # GLib and GIO are not instrumented: their own futex locks are invisible to
 # TSan, so only races in our code are reported.
@@ -113,14 +113,6 @@ for i in "${!bg_pids[@]}"; do
   wait "${bg_pids[$i]}" || bg_status=$?
   cat "${bg_logs[$i]}"
   ((bg_status == 0)) || failed+=("${bg_names[$i]}")
-done
-
-for test in "${!e2e_pids[@]}"; do
-  echo "=== end-to-end $test under ASan+UBSan ($((SECONDS - start)) s)"
-  e2e_status=0
-  wait "${e2e_pids[$test]}" || e2e_status=$?
-  cat "$out/e2e-$test.log"
-  ((e2e_status == 0)) || failed+=("end-to-end $test under ASan+UBSan")
 done
 
 kill "$sentinel"
